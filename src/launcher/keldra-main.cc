@@ -1,0 +1,2 @@
+#include "keldra.h"
+int main() { return 0; }
