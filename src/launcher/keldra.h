@@ -3,6 +3,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <signal.h>
 #include <stdint.h>
 #include <sys/types.h>
 
@@ -36,6 +37,14 @@ extern int lock_fd;
 
 // Framework.
 int keldra_start(keldra_context *contexts[KELDRA_LAUNCHER_COUNT]);
+// The row-by-row part of keldra_start and of the shutdown, on a given table.
+int keldra_start_launchers(keldra_context *contexts[KELDRA_LAUNCHER_COUNT],
+                           const launcher table[KELDRA_LAUNCHER_COUNT]);
+void keldra_finish_launchers(keldra_context *contexts[KELDRA_LAUNCHER_COUNT],
+                             const launcher table[KELDRA_LAUNCHER_COUNT]);
+// Installs `handler` for `signo` (SA_SIGINFO) so that it runs in normal
+// context on a relay thread of its own rather than in signal context.
+int keldra_install_signal_handler(int signo, void (*handler)(int, siginfo_t *, void *));
 int keldra_run(keldra_context *context);
 void keldra_finish(keldra_context *context);
 void keldra_cleanup_handler(void *context);
