@@ -11,6 +11,8 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
 packages=(cmake make g++ libgtest-dev libgmock-dev)
+# What the packaging tests need (package builders, unit and man page checkers).
+mapfile -t -O "${#packages[@]}" packages < <(grep -v '^[[:space:]]*\(#\|$\)' "$root/packaging/apt-packages.txt")
 
 is_installed() {
     dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'
