@@ -41,45 +41,12 @@ const launcher launcher_table[KELDRA_LAUNCHER_COUNT] = {
 // ---------------------------------------------------------------------------
 // Start-up
 
-// Row 0 must exist, so its factory is asked until it delivers; the other rows
-// get one chance and are left out when it fails.
-static keldra_context *create_launcher_context(const launcher &row, int index)
-{
-    for (;;) {
-        keldra_context *context = row.create_context();
-        if (context)
-            return context;
-        keldra_log(E, "Launcher %d create_context failed.\n", index);
-        sleep(1);
-        if (index != 0)
-            return nullptr;
-    }
-}
+// The table that keldra_start and the shutdown work through.
+static const launcher *active_table = launcher_table;
 
-static void init_launcher(const launcher &row, int index, keldra_context *context)
+void keldra_set_launcher_table(const launcher table[KELDRA_LAUNCHER_COUNT])
 {
-    for (;;) {
-        int r = row.init(context);
-        if (r == 0)
-            return;
-        if (r < 0) {
-            keldra_log(E, "Launcher %d init failed: %d\n", index, r);
-            sleep(1);
-        }
-    }
-}
-
-static void run_launcher(int index, keldra_context *context)
-{
-    for (;;) {
-        int r = keldra_run(context);
-        if (r == 0)
-            return;
-        if (r < 0) {
-            keldra_log(E, "keldra_run for launcher %d failed: %d\n", index, r);
-            sleep(1);
-        }
-    }
+    active_table = table ? table : launcher_table;
 }
 
 static unsigned long thread_started_generation(void)
@@ -109,41 +76,56 @@ void keldra_signal_thread_started(void)
     pthread_mutex_unlock(&mutex);
 }
 
-int keldra_start_launchers(keldra_context *contexts[KELDRA_LAUNCHER_COUNT],
-                           const launcher table[KELDRA_LAUNCHER_COUNT])
-{
-    for (int i = 0; i < KELDRA_LAUNCHER_COUNT; ++i) {
-        keldra_context *context = create_launcher_context(table[i], i);
-        if (!context)
-            continue;
-        contexts[i] = context;
-        init_launcher(table[i], i, context);
-        unsigned long generation = thread_started_generation();
-        run_launcher(i, context);
-        if (i == 1)
-            wait_thread_started(generation);
-    }
-    return 0;
-}
-
-static void block_sigchld(void)
+static int block_sigchld(void)
 {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGCHLD);
-    if (pthread_sigmask(SIG_BLOCK, &set, nullptr) < 0) {
-        char err[256];
-        keldra_log(E, "failed to block signals...(errno : %s)\n",
-                   strerror_r(errno, err, sizeof err));
-    }
+    return pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
+// Brings the launchers up one row after the other. Row 0 must exist, so its
+// factory is asked until it delivers; a later row whose factory fails is left
+// out. init and keldra_run are repeated until they succeed, after a second
+// when they fail. Rows 2 and 3 start only once row 1 has its daemon.
 int keldra_start(keldra_context *contexts[KELDRA_LAUNCHER_COUNT])
 {
     keldra_lock();
     umask(0);
-    block_sigchld();
-    return keldra_start_launchers(contexts, launcher_table);
+    if (block_sigchld() < 0) {
+        char err[256];
+        keldra_log(E, "failed to block signals...(errno : %s)\n",
+                   strerror_r(errno, err, sizeof err));
+    }
+    for (int i = 0; i < KELDRA_LAUNCHER_COUNT; ++i) {
+        const launcher &row = active_table[i];
+        keldra_context *context;
+        while (!(context = row.create_context())) {
+            keldra_log(E, "Launcher %d create_context failed.\n", i);
+            sleep(1);
+            if (i != 0)
+                break;
+        }
+        if (!context)
+            continue;
+        contexts[i] = context;
+        for (int r; (r = row.init(context)) != 0;) {
+            if (r < 0) {
+                keldra_log(E, "Launcher %d init failed: %d\n", i, r);
+                sleep(1);
+            }
+        }
+        unsigned long generation = thread_started_generation();
+        for (int r; (r = keldra_run(context)) != 0;) {
+            if (r < 0) {
+                keldra_log(E, "keldra_run for launcher %d failed: %d\n", i, r);
+                sleep(1);
+            }
+        }
+        if (i == 1)
+            wait_thread_started(generation);
+    }
+    return 0;
 }
 
 // ---------------------------------------------------------------------------
@@ -218,20 +200,14 @@ void keldra_main_loop(keldra_context *contexts[KELDRA_LAUNCHER_COUNT])
     } while (!terminate_launcher);
 }
 
-void keldra_finish_launchers(keldra_context *contexts[KELDRA_LAUNCHER_COUNT],
-                             const launcher table[KELDRA_LAUNCHER_COUNT])
+void keldra_shutdown(keldra_context *contexts[KELDRA_LAUNCHER_COUNT])
 {
     for (int i = 0; i < KELDRA_LAUNCHER_COUNT; ++i) {
         if (!contexts[i])
             continue;
-        table[i].finish(contexts[i]);
+        active_table[i].finish(contexts[i]);
         contexts[i] = nullptr;
     }
-}
-
-void keldra_shutdown(keldra_context *contexts[KELDRA_LAUNCHER_COUNT])
-{
-    keldra_finish_launchers(contexts, launcher_table);
 }
 
 void keldra_finish(keldra_context *context)
@@ -352,31 +328,26 @@ int keldra_write_pidfile(int fd)
 }
 
 // Lets a running supervisor finish bringing its daemons up before it is
-// asked to stop; whatever the outcome, the takeover goes on.
-static void wait_for_children_ready(void)
+// asked to stop: waits, at most 30 s, for all five readiness events.
+static int wait_for_children_ready(void)
 {
     char result[64] = {};
-    int r = TesselWaitMultiEvents(const_cast<const char **>(readiness_events), 5, 1, 30000,
-                                  result, sizeof result);
-    long self = (long)getpid();
-    if (r > 0)
-        keldra_log(W, "[P %5ld] Wait children timeout. Will retry\n", self);
-    else if (r == 0)
-        keldra_log(W, "[P %5ld] Wait children was successfull. Everything is ontime\n", self);
-    else
-        keldra_log(E, "[P %5ld] Failed TesselWaitMultiEvents. Error: %d\n", self, r);
+    return TesselWaitMultiEvents(const_cast<const char **>(readiness_events), 5, 1, 30000,
+                                 result, sizeof result);
 }
 
-// Tests the lock up to three times, 5 s apart; returns the number of pauses.
-static int wait_for_lock_release(void)
+// Tests the lock up to three times, 5 s apart, and returns the number of
+// pauses. A test that fails for another reason than a foreign lock ends the
+// wait with its errno in *test_errno.
+static int wait_for_lock_release(int *test_errno)
 {
     int attempts = 0;
+    *test_errno = 0;
     for (int test = 1;; ++test) {
         if (lockf(lock_fd, F_TEST, 0) == 0)
             break;
         if (errno != EAGAIN && errno != EACCES) {
-            char err[256];
-            keldra_log(E, "lock test failed: %s", strerror_r(errno, err, sizeof err));
+            *test_errno = errno;
             break;
         }
         sleep(5);
@@ -387,50 +358,58 @@ static int wait_for_lock_release(void)
     return attempts;
 }
 
-// One pass of the takeover: returns true when the lock step is over, with
-// its result in *result.
-static bool take_over_pass(int pass, int *result)
-{
-    long self = (long)getpid();
-    if (lockf(lock_fd, F_TLOCK, 0) == 0) {
-        keldra_log(D, "[P %5ld] File is not locked, just use lock file\n", self);
-        *result = keldra_write_pidfile(lock_fd);
-        return true;
-    }
-    if (errno != EAGAIN && errno != EACCES) {
-        char err[256];
-        keldra_log(E, "Locking lock file failed: %s", strerror_r(errno, err, sizeof err));
-        *result = -1;
-        return true;
-    }
-    keldra_log(I, "[P %5ld] Wait till all chldren became ready\n", self);
-    wait_for_children_ready();
-    long holder = keldra_find_process_by_lock(KELDRA_LOCK_FILE);
-    keldra_log(E, "[P %5ld] Pid of lock %ld process\n", self, holder);
-    if (holder == -1 || holder == self) {
-        *result = 0;
-        return true;
-    }
-    keldra_log(E, "[P %5ld] Killing %ld process\n", self, holder);
-    int k = kill((pid_t)holder, SIGTERM);
-    int attempts = wait_for_lock_release();
-    keldra_log(E, "[P %5ld] Seems process %ld died after %d attempts\n", self, holder, attempts);
-    *result = k;
-    return pass == 2048;
-}
-
 int keldra_lock(void)
 {
+    char err[256];
+    long self = (long)getpid();
     lock_fd = open(KELDRA_LOCK_FILE, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (lock_fd < 0) {
-        char err[256];
         keldra_log(E, "Create/open lock file failed: %s\n", strerror_r(errno, err, sizeof err));
         return -1;
     }
     int result = 0;
-    for (int pass = 1; !take_over_pass(pass, &result); ++pass) {
+    for (int pass = 1;; ++pass) {
+        if (lockf(lock_fd, F_TLOCK, 0) == 0) {
+            keldra_log(D, "[P %5ld] File is not locked, just use lock file\n", self);
+            result = keldra_write_pidfile(lock_fd);
+            break;
+        }
+        if (errno != EAGAIN && errno != EACCES) {
+            keldra_log(E, "Locking lock file failed: %s", strerror_r(errno, err, sizeof err));
+            result = -1;
+            break;
+        }
+        keldra_log(I, "[P %5ld] Wait till all chldren became ready\n", self);
+        int r = wait_for_children_ready();
+        if (r > 0)
+            keldra_log(W, "[P %5ld] Wait children timeout. Will retry\n", self);
+        else if (r == 0)
+            keldra_log(W, "[P %5ld] Wait children was successfull. Everything is ontime\n", self);
+        else
+            keldra_log(E, "[P %5ld] Failed TesselWaitMultiEvents. Error: %d\n", self, r);
+
+        long holder = keldra_find_process_by_lock(KELDRA_LOCK_FILE);
+        keldra_log(E, "[P %5ld] Pid of lock %ld process\n", self, holder);
+        if (holder == -1 || holder == self) {
+            result = 0;
+            break;
+        }
+        keldra_log(E, "[P %5ld] Killing %ld process\n", self, holder);
+        int k = kill((pid_t)holder, SIGTERM);
+        int test_errno;
+        int attempts = wait_for_lock_release(&test_errno);
+        if (test_errno != 0) {
+            errno = test_errno;
+            keldra_log(E, "lock test failed: %s", strerror_r(errno, err, sizeof err));
+        }
+        keldra_log(E, "[P %5ld] Seems process %ld died after %d attempts\n", self, holder,
+                   attempts);
+        if (pass == 2048) {
+            result = k;
+            break;
+        }
     }
-    keldra_log(D, "[P %5ld] Finished with %d, descriptor: %d\n", (long)getpid(), result, lock_fd);
+    keldra_log(D, "[P %5ld] Finished with %d, descriptor: %d\n", self, result, lock_fd);
     return result;
 }
 
@@ -450,8 +429,10 @@ static bool parse_pid(const char *name, long *pid)
     return *end == '\0';
 }
 
-// True when one of the descriptors listed in fd_dir points at `target`.
-static bool has_file_open(DIR *fd_dir, const char *fd_dir_path, const char *target)
+// Looks through the descriptors listed in fd_dir for one that points at
+// `target`; on a match copies the link into points_to and returns true.
+static bool has_file_open(DIR *fd_dir, const char *fd_dir_path, const char *target,
+                          char (&points_to)[512])
 {
     while (struct dirent *entry = readdir(fd_dir)) {
         if (entry->d_name[0] == '\0' || entry->d_name[0] == '.')
@@ -460,15 +441,12 @@ static bool has_file_open(DIR *fd_dir, const char *fd_dir_path, const char *targ
         if (snprintf(link, sizeof link, "%s/%s", fd_dir_path, entry->d_name) < 0)
             continue;
         link[sizeof link - 1] = '\0';
-        char points_to[512];
         ssize_t n = readlink(link, points_to, sizeof points_to);
         if (n < 0)
             continue;
         points_to[n >= (ssize_t)sizeof points_to ? sizeof points_to - 1 : (size_t)n] = '\0';
-        if (target && strncmp(target, points_to, 512) == 0) {
-            keldra_log(E, "Link: %s\n", points_to);
+        if (target && strncmp(target, points_to, 512) == 0)
             return true;
-        }
     }
     return false;
 }
@@ -499,9 +477,11 @@ long keldra_find_process_by_lock(const char *path)
             continue;
         if (pid == (long)getpid())
             continue; // the directory stays open: accepted, this runs once per pass
-        bool holder = has_file_open(fd_dir, fd_dir_path, resolved);
+        char points_to[512];
+        bool holder = has_file_open(fd_dir, fd_dir_path, resolved, points_to);
         closedir(fd_dir);
         if (holder) {
+            keldra_log(E, "Link: %s\n", points_to);
             found = pid;
             break;
         }

@@ -37,11 +37,9 @@ extern int lock_fd;
 
 // Framework.
 int keldra_start(keldra_context *contexts[KELDRA_LAUNCHER_COUNT]);
-// The row-by-row part of keldra_start and of the shutdown, on a given table.
-int keldra_start_launchers(keldra_context *contexts[KELDRA_LAUNCHER_COUNT],
-                           const launcher table[KELDRA_LAUNCHER_COUNT]);
-void keldra_finish_launchers(keldra_context *contexts[KELDRA_LAUNCHER_COUNT],
-                             const launcher table[KELDRA_LAUNCHER_COUNT]);
+// Makes keldra_start and keldra_shutdown work through another table of
+// launchers (null: launcher_table again).
+void keldra_set_launcher_table(const launcher table[KELDRA_LAUNCHER_COUNT]);
 // Installs `handler` for `signo` (SA_SIGINFO) so that it runs in normal
 // context on a relay thread of its own rather than in signal context.
 int keldra_install_signal_handler(int signo, void (*handler)(int, siginfo_t *, void *));

@@ -109,10 +109,17 @@ double seconds_since(clock_type::time_point t0)
     return std::chrono::duration<double>(clock_type::now() - t0).count();
 }
 
+void start_with(keldra_context *contexts[KELDRA_LAUNCHER_COUNT], const launcher *table)
+{
+    keldra_set_launcher_table(table);
+    keldra_start(contexts);
+}
+
 // Joins what start-up left running so the next test starts clean.
 void finish_all(keldra_context *contexts[KELDRA_LAUNCHER_COUNT], const launcher *table)
 {
-    keldra_finish_launchers(contexts, table);
+    keldra_set_launcher_table(table);
+    keldra_shutdown(contexts);
 }
 
 void wake_main_loop_for_exit()
@@ -147,7 +154,7 @@ TEST_F(framework, row0_factory_is_asked_again_every_second_until_it_delivers)
     create_failures[0] = 3;
     const launcher *table = table_of<returning_handler>();
     auto t0 = clock_type::now();
-    auto log = capture_log([&] { keldra_start_launchers(contexts, table); });
+    auto log = capture_log([&] { start_with(contexts, table); });
     EXPECT_EQ(count_messages(log, 'E', "Launcher 0 create_context failed.\n"), 3) << dump_log(log);
     EXPECT_EQ(create_calls[0], 4);
     EXPECT_GE(seconds_since(t0), 3.0);
@@ -161,7 +168,7 @@ TEST_F(framework, a_later_row_whose_factory_fails_is_skipped_for_good)
     create_failures[2] = 1;
     const launcher *table = table_of<returning_handler>();
     auto t0 = clock_type::now();
-    auto log = capture_log([&] { keldra_start_launchers(contexts, table); });
+    auto log = capture_log([&] { start_with(contexts, table); });
     EXPECT_EQ(count_messages(log, 'E', "Launcher 2 create_context failed.\n"), 1) << dump_log(log);
     EXPECT_EQ(create_calls[2], 1);
     EXPECT_EQ(init_calls[2], 0);
@@ -186,7 +193,7 @@ TEST_F(framework, init_asking_for_another_call_is_called_again_at_once_without_m
     init_results[0] = {1, 1};
     const launcher *table = table_of<returning_handler>();
     auto t0 = clock_type::now();
-    auto log = capture_log([&] { keldra_start_launchers(contexts, table); });
+    auto log = capture_log([&] { start_with(contexts, table); });
     EXPECT_EQ(init_calls[0], 3);
     EXPECT_LT(seconds_since(t0), 0.9);
     for (const auto &m : log)
@@ -199,7 +206,7 @@ TEST_F(framework, failing_init_is_logged_and_retried_every_second)
     init_results[0] = {-5, -5};
     const launcher *table = table_of<returning_handler>();
     auto t0 = clock_type::now();
-    auto log = capture_log([&] { keldra_start_launchers(contexts, table); });
+    auto log = capture_log([&] { start_with(contexts, table); });
     EXPECT_EQ(count_messages(log, 'E', "Launcher 0 init failed: -5\n"), 2) << dump_log(log);
     EXPECT_EQ(init_calls[0], 3);
     EXPECT_GE(seconds_since(t0), 2.0);
@@ -210,7 +217,7 @@ TEST_F(framework, rows_two_and_three_start_only_after_row_one_announces_its_daem
 {
     row1_announce_delay_ms = 300;
     const launcher *table = table_of<returning_handler>();
-    capture_log([&] { keldra_start_launchers(contexts, table); });
+    capture_log([&] { start_with(contexts, table); });
     for (int i = 0; i < KELDRA_LAUNCHER_COUNT; ++i)
         ASSERT_TRUE(wait_for([i] { return thread_runs[i] == 1; }, 5.0)) << "row " << i;
     EXPECT_LT(created_at[0], created_at[1]);
@@ -242,7 +249,7 @@ TEST_F(framework, thread_leaving_through_pthread_exit_is_restarted_by_the_main_l
     const launcher *table = table_of<exiting_handler>();
     std::vector<log_message> log;
     std::string raw = capture_stderr([&] {
-        keldra_start_launchers(contexts, table);
+        start_with(contexts, table);
         pthread_t first = contexts[0]->thread;
         std::thread loop([&] { keldra_main_loop(contexts); });
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -273,7 +280,7 @@ TEST_F(framework, thread_leaving_through_pthread_exit_is_restarted_by_the_main_l
 TEST_F(framework, thread_returning_normally_is_not_restarted)
 {
     const launcher *table = table_of<returning_handler>();
-    capture_log([&] { keldra_start_launchers(contexts, table); });
+    capture_log([&] { start_with(contexts, table); });
     for (int i = 0; i < KELDRA_LAUNCHER_COUNT; ++i)
         ASSERT_TRUE(wait_for([i] { return thread_runs[i] == 1; }, 5.0)) << "row " << i;
     std::thread loop([&] { keldra_main_loop(contexts); });
@@ -293,7 +300,7 @@ TEST_F(framework, thread_returning_normally_is_not_restarted)
 TEST_F(framework, finish_cancels_and_joins_a_running_thread_in_no_less_than_a_second)
 {
     const launcher *table = table_of<exiting_handler>();
-    capture_log([&] { keldra_start_launchers(contexts, table); });
+    capture_log([&] { start_with(contexts, table); });
     auto t0 = clock_type::now();
     auto log = capture_log([&] { keldra_finish(contexts[0]); });
     contexts[0] = nullptr;
