@@ -81,25 +81,6 @@ make_policy_pointers(const std::vector<pellan_admin_policy> &policy)
     return pointers;
 }
 
-// Removes what a former checker left in its runtime directory and creates
-// the directory afresh. 0 when the directory is ready, -1 otherwise.
-int prepare_runtime_dir(void)
-{
-    if (access(PELLAN_RUN_DIR, F_OK) == 0) {
-        if (system(PELLAN_RUN_DIR_CLEANUP) == -1)
-            keldra_log(E, "failed to command - %s\n", PELLAN_RUN_DIR_CLEANUP);
-    }
-    if (mkdir(PELLAN_RUN_DIR, PELLAN_RUN_DIR_MODE) != 0) {
-        keldra_log(E, "can't create directory (/run/pellan)\n");
-        return -1;
-    }
-    if (chown(PELLAN_RUN_DIR, PELLAN_UID, PELLAN_GID) != 0) {
-        keldra_log(E, "can't change owner (/run/pellan)\n");
-        return -1;
-    }
-    return 0;
-}
-
 bool pellan_sockets_exist(void)
 {
     for (const pellan_socket &socket : pellan_sockets) {
@@ -107,23 +88,6 @@ bool pellan_sockets_exist(void)
             return false;
     }
     return true;
-}
-
-// Polls for the checker's sockets. count is the number of polls this thread
-// has already spent; it is never reset, so later launches only get what the
-// earlier ones left over, and the elapsed time logged goes on from there.
-// When the polls run out the caller carries on as if the sockets were there.
-void wait_pellan_sockets(int *count)
-{
-    int elapsed = PELLAN_SOCKET_POLL_MS * (*count + 1);
-    while (*count < PELLAN_SOCKET_POLLS) {
-        if (pellan_sockets_exist())
-            return;
-        ++*count;
-        keldra_log(I, "wait socket files:%d\n", elapsed);
-        usleep(PELLAN_SOCKET_POLL_US);
-        elapsed += PELLAN_SOCKET_POLL_MS;
-    }
 }
 
 // Gives the sockets their modes and owners, in order, up to the first
@@ -135,56 +99,6 @@ int set_pellan_sockets_perm(void)
             return -1;
     }
     return 0;
-}
-
-void reset_ready_file(void)
-{
-    int u = unlink(PELLAN_READY_FILE);
-    if (u < 0)
-        keldra_log(E, "Can't reset event for %s. error: %d\n", PELLAN_READY_FILE, u);
-}
-
-// Waits for the launched checker (any child when pid is -1) and reports how
-// it ended. The status word is examined whatever waitpid returned; it stays 0
-// when nothing was reaped. Returns waitpid's result.
-int reap_pellan(int pid)
-{
-    int status = 0;
-    int w = waitpid(pid, &status, 0);
-    if (WIFEXITED(status)) {
-        keldra_log(I, "pellan process finished - success\n");
-        keldra_log(I, "return value : %d \n", WEXITSTATUS(status));
-        reset_ready_file();
-    } else if (WIFSIGNALED(status)) {
-        keldra_log(E, "pellan process terminated - fail\n");
-        keldra_log(E, "signal num : %d \n", WTERMSIG(status));
-        reset_ready_file();
-    } else if (WIFSTOPPED(status)) {
-        keldra_log(I, "pellan process - stop \n");
-        keldra_log(I, "signal num : %d \n", WSTOPSIG(status));
-    } else if (WIFCONTINUED(status)) {
-        keldra_log(I, "pellan process - restart \n");
-    }
-    return w;
-}
-
-// Waits for a checker that is already running (a child of an earlier
-// supervisor, or a stale pid) and withdraws the ready file. Returns
-// wait_for_pid's result.
-int watch_pellan(int pid)
-{
-    int r = wait_for_pid(pid);
-    int u = unlink(PELLAN_READY_FILE);
-    if (u < 0)
-        keldra_log(E, "Can't set event reset for %s. error: %d\n", PELLAN_READY_FILE, u);
-    return r;
-}
-
-void mark_pellan_ready(void)
-{
-    int d = keldra_ready_file_done(PELLAN_READY_FILE);
-    if (d < 0)
-        keldra_log(E, "Can't set event done for %s. error: %d\n", PELLAN_READY_FILE, d);
 }
 
 } // namespace
@@ -244,6 +158,10 @@ int launch_pellan(void)
 // sockets and reap it. pid survives a pass: after a launched checker has died
 // the next pass takes the watch path with the stale pid, whose wait fails at
 // once, and the pass after that launches again.
+//
+// Every message of a pass is written from this routine itself, so that the
+// log names it; only the fork (launch_pellan) and the permissions of one
+// socket (set_sock_perm) report under their own names.
 void *pellan_launcher_handler(void *context)
 {
     keldra_context *ctx = static_cast<keldra_context *>(context);
@@ -260,6 +178,9 @@ void *pellan_launcher_handler(void *context)
     }
 
     int pid = -1;
+    // Socket polls spent by this thread; never reset, so later launches only
+    // get what the earlier ones left over, and the elapsed time logged goes
+    // on from there.
     int socket_wait_count = 0;
 
     while (!ctx->finished) {
@@ -271,21 +192,75 @@ void *pellan_launcher_handler(void *context)
         }
 
         if (pid >= 0) {
+            // Watch path: a checker (or a stale pid) that is not our child.
             keldra_log(I, "Found pellan launched successfully (pid: %d)\n", pid);
-            int r = watch_pellan(pid);
+            int r = wait_for_pid(pid);
+            int u = unlink(PELLAN_READY_FILE);
+            if (u < 0)
+                keldra_log(E, "Can't set event reset for %s. error: %d\n", PELLAN_READY_FILE, u);
             keldra_log(E, "pellan(%d) is dead\n", r);
             pid = -1;
         } else {
             keldra_log(W, "No process pellan found, start new one!\n");
-            if (prepare_runtime_dir() == 0) {
+
+            // A fresh runtime directory: whatever a former checker left goes.
+            bool prepared = false;
+            if (access(PELLAN_RUN_DIR, F_OK) == 0 && system(PELLAN_RUN_DIR_CLEANUP) == -1)
+                keldra_log(E, "failed to command - %s\n", PELLAN_RUN_DIR_CLEANUP);
+            if (mkdir(PELLAN_RUN_DIR, PELLAN_RUN_DIR_MODE) != 0)
+                keldra_log(E, "can't create directory (/run/pellan)\n");
+            else if (chown(PELLAN_RUN_DIR, PELLAN_UID, PELLAN_GID) != 0)
+                keldra_log(E, "can't change owner (/run/pellan)\n");
+            else
+                prepared = true;
+
+            if (prepared) {
                 // A failed fork leaves pid -1 and the pass goes on with it.
                 pid = launch_pellan();
-                wait_pellan_sockets(&socket_wait_count);
+
+                // When the polls run out the pass carries on as if the
+                // sockets were there.
+                int elapsed = PELLAN_SOCKET_POLL_MS * (socket_wait_count + 1);
+                while (socket_wait_count < PELLAN_SOCKET_POLLS && !pellan_sockets_exist()) {
+                    ++socket_wait_count;
+                    keldra_log(I, "wait socket files:%d\n", elapsed);
+                    usleep(PELLAN_SOCKET_POLL_US);
+                    elapsed += PELLAN_SOCKET_POLL_MS;
+                }
+
                 if (set_pellan_sockets_perm() != 0)
                     kill(pid, SIGKILL);
-                mark_pellan_ready();
+
+                int d = keldra_ready_file_done(PELLAN_READY_FILE);
+                if (d < 0)
+                    keldra_log(E, "Can't set event done for %s. error: %d\n", PELLAN_READY_FILE, d);
                 keldra_log(I, "pellan launched successfully (pid: %d)\n", pid);
-                int w = reap_pellan(pid);
+
+                // The status word is examined whatever waitpid returned; it
+                // stays 0 when nothing was reaped.
+                int status = 0;
+                int w = waitpid(pid, &status, 0);
+                bool ended = false;
+                if (WIFEXITED(status)) {
+                    keldra_log(I, "pellan process finished - success\n");
+                    keldra_log(I, "return value : %d \n", WEXITSTATUS(status));
+                    ended = true;
+                } else if (WIFSIGNALED(status)) {
+                    keldra_log(E, "pellan process terminated - fail\n");
+                    keldra_log(E, "signal num : %d \n", WTERMSIG(status));
+                    ended = true;
+                } else if (WIFSTOPPED(status)) {
+                    keldra_log(I, "pellan process - stop \n");
+                    keldra_log(I, "signal num : %d \n", WSTOPSIG(status));
+                } else if (WIFCONTINUED(status)) {
+                    keldra_log(I, "pellan process - restart \n");
+                }
+                if (ended) {
+                    int u = unlink(PELLAN_READY_FILE);
+                    if (u < 0)
+                        keldra_log(E, "Can't reset event for %s. error: %d\n", PELLAN_READY_FILE,
+                                   u);
+                }
                 keldra_log(E, "pellan(%d) is dead\n", w);
             }
         }
