@@ -1,5 +1,5 @@
 #!/bin/bash
-# The RPM package of packaging/keldra.spec, built with rpmbuild from the source
+# The RPM package of the recipe packaging/keldra.spec, built with rpmbuild from the source
 # tarball that this build tree makes (CPack source generator), the way a
 # device build does: against "device" platform libraries found through
 # pkg-config, here the stand-ins installed into a scratch prefix. Checks the
@@ -15,11 +15,11 @@ need_tool rpm2archive rpm
 need_tool pkg-config pkg-config
 make_work_dir
 
-spec=$source_dir/packaging/keldra.spec
-spec_version=$(sed -n 's/^Version:[[:space:]]*//p' "$spec")
-[ "$spec_version" = "$version" ] || fail "keldra.spec has Version $spec_version, the project $version"
-grep -Eq -- '-DKELDRA_BUILD_TESTS=OFF' "$spec" || fail "keldra.spec does not configure with -DKELDRA_BUILD_TESTS=OFF"
-build_requires=$(sed -n 's/^BuildRequires:[[:space:]]*\([^[:space:]]*\).*/\1/p' "$spec")
+recipe=$source_dir/packaging/keldra.spec
+recipe_version=$(sed -n 's/^Version:[[:space:]]*//p' "$recipe")
+[ "$recipe_version" = "$version" ] || fail "keldra.spec has Version $recipe_version, the project $version"
+grep -Eq -- '-DKELDRA_BUILD_TESTS=OFF' "$recipe" || fail "keldra.spec does not configure with -DKELDRA_BUILD_TESTS=OFF"
+build_requires=$(sed -n 's/^BuildRequires:[[:space:]]*\([^[:space:]]*\).*/\1/p' "$recipe")
 for req in cmake gcc-c++; do
     grep -Fqx -- "$req" <<<"$build_requires" || fail "keldra.spec lacks BuildRequires: $req"
 done
@@ -55,7 +55,7 @@ mkdir -p "$work/tmp"
 note "rpmbuild -bb"
 PKG_CONFIG_PATH=$standins_pc_dir rpmbuild -bb --nodeps \
     --define "_topdir $top" --define "_sourcedir $work/sources" --define "_tmppath $work/tmp" \
-    "$spec" >"$work/rpmbuild.log" 2>&1 || abort "rpmbuild failed" "$work/rpmbuild.log"
+    "$recipe" >"$work/rpmbuild.log" 2>&1 || abort "rpmbuild failed" "$work/rpmbuild.log"
 grep -q 'KELDRA_BUILD_TESTS=OFF' "$work/rpmbuild.log" || fail "the RPM build did not turn the tests off"
 grep -Eq 'keldra-sandbox|keldra-simd|gtest' "$work/rpmbuild.log" && fail "the RPM build built test programs"
 
