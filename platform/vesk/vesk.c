@@ -103,6 +103,11 @@ static void send_to_syslog(int prio, const char *tag, const char *text)
 {
     if (vesk_in_syslog)
         return;
+    /* syslog(3) connects and sends, which are cancellation points: a thread
+     * cancelled there would keep vesk_lock for ever and every later call of
+     * every thread would wait for it. Cancellation is held off meanwhile. */
+    int cancel_state;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
     vesk_in_syslog = 1;
     pthread_mutex_lock(&vesk_lock);
     if (tag && tag != vesk_ident) {
@@ -112,6 +117,7 @@ static void send_to_syslog(int prio, const char *tag, const char *text)
     syslog(syslog_priority(prio), "%s", text);
     pthread_mutex_unlock(&vesk_lock);
     vesk_in_syslog = 0;
+    pthread_setcancelstate(cancel_state, NULL);
 }
 
 /* Appends text escaped to out at *used, never past out_size - 1 bytes, and
