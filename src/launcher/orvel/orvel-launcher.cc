@@ -200,40 +200,6 @@ keldra_context *orvel_launcher_create_context(void)
     return context;
 }
 
-static void withdraw_script_done_marker(void)
-{
-    int u = unlink(orvel_script_done_file);
-    if (u < 0)
-        keldra_log(E, "Can't reset event for %s. error: %d\n", orvel_script_done_file, u);
-}
-
-// Runs the init script unless it has already run in this boot. A script that
-// exits counts as done whatever its code; one killed by a signal runs again
-// at the next attempt.
-static void run_orvel_init_script(void)
-{
-    if (keldra_is_ready_file_done(orvel_script_done_file)) {
-        keldra_log(E, "Script already done, skip it ..\n");
-        return;
-    }
-    keldra_log(E, "No script running before, run it ..\n");
-    int status = system(orvel_init_script);
-    if (status == -1) {
-        keldra_log(E, "Running script %s failed\n", orvel_init_script);
-    } else if (WIFEXITED(status)) {
-        keldra_log(I, "%s script terminate - success\n", orvel_init_script);
-        keldra_log(I, "return value : %d\n", WEXITSTATUS(status));
-        int r = keldra_ready_file_done(orvel_script_done_file);
-        if (r < 0)
-            keldra_log(E, "Set script done failed: %d\n", r);
-    } else if (WIFSIGNALED(status)) {
-        keldra_log(E, "orvel process terminate - fail\n");
-        keldra_log(E, "signal num : %d\n", WTERMSIG(status));
-        withdraw_script_done_marker();
-    }
-    // A stopped script is left alone.
-}
-
 // Blocks SIGCHLD in the calling (main) thread, so that every launcher thread
 // created afterwards has it blocked, and returns a descriptor reporting it.
 static int create_signal_instance(void)
@@ -314,7 +280,31 @@ int orvel_launcher_init(keldra_context *base)
         return -1;
     }
     keldra_log(E, "Starting Orvel Launcher...\n");
-    run_orvel_init_script();
+
+    // The init script runs once per boot: its marker lives in /tmp. A script
+    // that exits counts as done whatever its code; one killed by a signal
+    // runs again at the next attempt; a stopped one is left alone.
+    if (keldra_is_ready_file_done(orvel_script_done_file)) {
+        keldra_log(E, "Script already done, skip it ..\n");
+    } else {
+        keldra_log(E, "No script running before, run it ..\n");
+        int status = system(orvel_init_script);
+        if (status == -1) {
+            keldra_log(E, "Running script %s failed\n", orvel_init_script);
+        } else if (WIFEXITED(status)) {
+            keldra_log(I, "%s script terminate - success\n", orvel_init_script);
+            keldra_log(I, "return value : %d\n", WEXITSTATUS(status));
+            int r = keldra_ready_file_done(orvel_script_done_file);
+            if (r < 0)
+                keldra_log(E, "Set script done failed: %d\n", r);
+        } else if (WIFSIGNALED(status)) {
+            keldra_log(E, "orvel process terminate - fail\n");
+            keldra_log(E, "signal num : %d\n", WTERMSIG(status));
+            int u = unlink(orvel_script_done_file);
+            if (u < 0)
+                keldra_log(E, "Can't reset event for %s. error: %d\n", orvel_script_done_file, u);
+        }
+    }
 
     int signal_fd = create_signal_instance();
     if (signal_fd < 0)
