@@ -1008,14 +1008,6 @@ static void run_orvel_event_loop(orvel_context *context)
         step = run_orvel_step(state, step);
 }
 
-static void set_orvel_launcher_label(void)
-{
-    if (keldra_set_label(orvel_label) < 0) {
-        keldra_log(E, "failed to set domain label(%s)...\n", orvel_label);
-        pthread_exit(nullptr);
-    }
-}
-
 void *orvel_launcher_handler(void *arg)
 {
     orvel_context *context = static_cast<orvel_context *>(static_cast<keldra_context *>(arg));
@@ -1028,7 +1020,10 @@ void *orvel_launcher_handler(void *arg)
     umask(0);
 
     pthread_cleanup_push(keldra_cleanup_handler, static_cast<keldra_context *>(context));
-    set_orvel_launcher_label();
+    if (keldra_set_label(orvel_label) < 0) {
+        keldra_log(E, "failed to set domain label(%s)...\n", orvel_label);
+        pthread_exit(nullptr);
+    }
     run_orvel_event_loop(context);
     keldra_log(E, "Orvel-launcher is done\n");
     pthread_cleanup_pop(0);
