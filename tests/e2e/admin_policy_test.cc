@@ -86,6 +86,10 @@ std::vector<push_message> platform_push_messages(const e2e::scenario &keldra)
 // those can only come from the push (init runs before the thread exists).
 std::vector<std::pair<char, std::string>> stderr_push_messages(const e2e::scenario &keldra)
 {
+    // The thread may log its first line a little after keldra reports itself up.
+    e2e::wait_until(
+        [&] { return e2e::find_message(keldra.messages(), 'E', "Pellan launcher started\n") >= 0; },
+        10s, "the checker's launcher thread to start");
     std::vector<e2e::log_record> records = keldra.messages();
     int thread_start = e2e::find_message(records, 'E', "Pellan launcher started\n");
     EXPECT_GE(thread_start, 0) << "the checker's launcher thread never started";
