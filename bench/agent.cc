@@ -11,8 +11,8 @@
 //
 // Commands, one per line on stdin:
 //   relaunch K  K times for each daemon in turn (pellan only the first time,
-//               see kill_in_pass): wait until the daemon has run
-//               for min_uptime and the previous relaunch lies gap back, take
+//               see kill_in_pass): wait until the daemon has run for
+//               min_uptime and the previous relaunch lies gap back, take
 //               CLOCK_MONOTONIC, SIGKILL the daemon, wait for its successor's
 //               start record; prints "sample daemon=<name> ns=<mono_ns of the
 //               successor's main - time of the kill>" per kill, then
@@ -24,12 +24,12 @@
 //               daemons up) and "idle-done"
 //   trace K [PERF_DATA]
 //               keldra only: the same kills (pellan at most five times), and
-//               for each the steps of the
-//               relaunch from the stamps of keldra's own log (CLOCK_MONOTONIC_RAW,
-//               set against CLOCK_MONOTONIC): "trace daemon=<name> wake_ns=<kill
-//               to the launcher's first line> react_ns=<to its last line before
-//               the fork (pellan: before its runtime-directory step)> fork_ns=<to
-//               its first line after the fork> child_ns=<to the successor's first
+//               for each the steps of the relaunch from the stamps of keldra's
+//               own log (CLOCK_MONOTONIC_RAW, set against CLOCK_MONOTONIC):
+//               "trace daemon=<name> wake_ns=<kill to the launcher's first
+//               line> react_ns=<to its last line before the fork (pellan:
+//               before its runtime-directory step)> fork_ns=<to its first line
+//               after the fork> child_ns=<to the successor's first
 //               instruction> total_ns=..", then "trace-done perf=0|1"; with
 //               PERF_DATA, another K kills of orvel, dunmar and tavish under
 //               perf record --call-graph dwarf of keldra's threads

@@ -17,11 +17,11 @@
 //      is not disturbed by work elsewhere); the next round of an agent begins
 //      once its idle window has been reported;
 //   3. while the last idle windows run on, measures the start-up of each
-//      supervisor in a fresh sandbox per round, runs keldra-bench-lookup in a
-//      sandbox of its own and, with --profile-dir, traces keldra's relaunch
-//      path step by step from its own log stamps (and records it with perf
-//      when perf is there) and profiles the lookup program with perf; perf
-//      data goes to that directory;
+//      supervisor in a fresh sandbox per round; with --profile-dir, traces
+//      keldra's relaunch path step by step from its own log stamps (and
+//      records it with perf when perf is there); runs keldra-bench-lookup in
+//      a sandbox of its own, and with --profile-dir once more under perf;
+//      perf data goes to that directory;
 //   4. prints the table and the targets, and writes to DIR report.md (with
 //      the analysis file appended), samples.tsv and relaunch-samples.dat (the
 //      data of the plot, drawn by bench/plot.gp).
@@ -508,8 +508,10 @@ void run_relaunch_trace(const driver_options &opts, bench_results *results)
 // perf record of the lookup program among the largest count of processes.
 void run_lookup_profile(const driver_options &opts, bench_results *results)
 {
-    if (!perf_available())
+    if (opts.profile_dir.empty() || !perf_available())
         return;
+    progress("profile of the lookup");
+    mkdir(opts.profile_dir.c_str(), 0755);
     std::string data = opts.profile_dir + "/lookup.perf.data";
     std::vector<std::string> argv = sandbox_command(lookup_sandbox_timeout_s, false);
     for (const std::string &arg : perf_record_command(data))
@@ -532,15 +534,15 @@ void run_lookup_profile(const driver_options &opts, bench_results *results)
     results->perf_lookup = perf_report(data, "keldra-bench-lo");
 }
 
-void run_profile(const driver_options &opts, bench_results *results)
+void run_relaunch_profile(const driver_options &opts, bench_results *results)
 {
     if (opts.profile_dir.empty())
         return;
-    progress("profile");
+    progress("profile of the relaunch path");
     mkdir(opts.profile_dir.c_str(), 0755);
     run_relaunch_trace(opts, results);
-    run_lookup_profile(opts, results);
 }
+
 
 std::string command_output(const std::string &command)
 {
@@ -643,8 +645,9 @@ int run_driver(const std::vector<std::string> &args)
     // The last idle windows run on while the start-ups, the lookups and the
     // profile are measured: a supervisor at rest is not disturbed by them.
     run_startups(&results);
+    run_relaunch_profile(opts, &results);
     run_lookup(&results);
-    run_profile(opts, &results);
+    run_lookup_profile(opts, &results);
     collect_last_idle_windows(agents, &results);
     live_agents.clear();
     sample_load(&results.environment);

@@ -9,8 +9,9 @@
 // For every count it forks that many other processes (children that pause),
 // then starts the target, the simulated daemon /usr/bin/tavish, last, so that
 // it has the highest pid and every scan walks the whole process directory
-// before it finds it. Each round times every method `repeats` times,
-// interleaved, checks that each found the target, and prints the median:
+// before it finds it. Each round times every method `repeats` times (keldra
+// and cscan in alternating turns, pgrep after them), checks that each found
+// the target, and prints the median:
 //   lookup count=<n> method=<keldra|cscan|pgrep> round=<r> ns=<median>
 // A method that does not find the target ends the program with status 1.
 // Runs only inside keldra-sandbox (its own PID namespace, so the process
@@ -75,7 +76,7 @@ long positive(const char *text)
 options parse_options(int argc, char **argv)
 {
     options opts;
-    for (int i = 1; i < argc; ++i) {
+    for (int i = 1; i < argc; i += 2) {
         std::string arg = argv[i];
         const char *value = i + 1 < argc ? argv[i + 1] : nullptr;
         if (arg == "--counts") {
@@ -89,7 +90,6 @@ options parse_options(int argc, char **argv)
         } else {
             usage();
         }
-        ++i;
     }
     return opts;
 }
@@ -183,16 +183,21 @@ double timed_lookup(method m, pid_t target)
     return double(elapsed);
 }
 
-// One round: every method `repeats` times, the order rotated at each repeat.
+// One round: keldra's lookup and the C scan `repeats` times each, in turns
+// that alternate which goes first, then pgrep `repeats` times. pgrep runs
+// apart: it starts a program and reads several files of every process, which
+// leaves the caches colder for whatever runs next.
 void run_round(long count, int round, int repeats, pid_t target)
 {
     std::vector<double> samples[3];
     for (int repeat = 0; repeat < repeats; ++repeat) {
-        for (int k = 0; k < 3; ++k) {
-            int index = (k + repeat) % 3;
+        for (int k = 0; k < 2; ++k) {
+            int index = (k + repeat) % 2;
             samples[index].push_back(timed_lookup(methods[index], target));
         }
     }
+    for (int repeat = 0; repeat < repeats; ++repeat)
+        samples[2].push_back(timed_lookup(method::pgrep, target));
     for (int index = 0; index < 3; ++index)
         printf("lookup count=%ld method=%s round=%d ns=%.0f\n", count, method_name(methods[index]),
                round, bench::median(samples[index]));
@@ -216,7 +221,9 @@ int main(int argc, char **argv)
         }
         target = bench::spawn_program({target_path}, "", "");
         bench::sleep_ns(100000000); // let the target reach its main loop
-        // The first scan brings the process directory into the caches.
+        // A first scan of each kind brings the process directory into the
+        // caches.
+        timed_lookup(method::keldra, target);
         timed_lookup(method::cscan, target);
         for (int round = 1; round <= opts.rounds; ++round)
             run_round(count, round, opts.repeats, target);
