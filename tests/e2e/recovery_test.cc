@@ -285,9 +285,12 @@ int expect_restore(const std::vector<log_record> &records, int from, pid_t scrip
 }
 
 // The SIGCHLD of a child that is not the daemon: read, reported and ignored.
-void expect_foreign_sigchld(const std::vector<log_record> &records, pid_t keldra, pid_t sender,
-                            e2e::where loc = e2e::where::current())
+void expect_foreign_sigchld(const std::vector<log_record> &all_records, pid_t keldra,
+                            pid_t sender, e2e::where loc = e2e::where::current())
 {
+    // The handler thread logs these lines one after the other; the other
+    // launchers may log between them.
+    const std::vector<log_record> records = e2e::records_from_file(all_records, orvel_source);
     int at = find_line(records,
                        {'W', format_text("SIGCHLD signal is received from [pid : %d]\n", sender)});
     if (at < 2) {

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <cctype>
 #include <iostream>
 #include <sstream>
@@ -663,6 +664,15 @@ int count_messages(const std::vector<log_record> &records, char level, std::stri
     return int(std::count_if(records.begin(), records.end(), [&](const log_record &r) {
         return r.level == level && r.text == text;
     }));
+}
+
+std::vector<log_record> records_from_file(const std::vector<log_record> &records,
+                                          std::string_view file)
+{
+    std::vector<log_record> own;
+    std::copy_if(records.begin(), records.end(), std::back_inserter(own),
+                 [&](const log_record &r) { return r.file == file; });
+    return own;
 }
 
 int find_platform_message(const std::vector<platform_record> &records, int prio,

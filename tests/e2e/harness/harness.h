@@ -159,6 +159,11 @@ std::string visible(std::string_view text);
 int find_message(const std::vector<log_record> &records, char level, std::string_view text,
                  int nth = 1, int from = 0);
 int count_messages(const std::vector<log_record> &records, char level, std::string_view text);
+// The records written from one source file, in order. A launcher's file is
+// only ever run by its own thread, so lines that thread logs one after the
+// other stay adjacent here however the other threads interleave.
+std::vector<log_record> records_from_file(const std::vector<log_record> &records,
+                                          std::string_view file);
 int find_platform_message(const std::vector<platform_record> &records, int prio,
                           std::string_view text, int nth = 1, int from = 0);
 int count_platform_messages(const std::vector<platform_record> &records, int prio,
