@@ -776,6 +776,17 @@ std::vector<line> death_lines(int signal_fd, pid_t pid, long index,
 const std::vector<line> killed_by_sigkill = {{'E', "orvel process terminate - fail\n"},
                                              {'E', "signal num : 9\n"}};
 
+// Index of the record of the orvel launcher's source that comes n such
+// records before index `at`, skipping the lines other threads logged in
+// between; -1 when there is none (or `at` is -1).
+int own_record_before(const std::vector<log_record> &records, int at, int n)
+{
+    for (int i = at - 1; at >= 0 && i >= 0; --i)
+        if (records[size_t(i)].file == orvel_source && --n == 0)
+            return i;
+    return -1;
+}
+
 // Finds the dispatch of the death of pid after `from` and checks its lines
 // and the relaunch of successor; returns the index of the relaunch line.
 int expect_death_and_relaunch(const std::vector<log_record> &records, int from, int signal_fd,
@@ -788,16 +799,18 @@ int expect_death_and_relaunch(const std::vector<log_record> &records, int from, 
                                      signal_fd, pid)};
     line received = {'W', format_text("SIGCHLD signal is received from [pid : %d]\n", pid)};
     int at = find_line(records, received, from);
-    if (at < 2 || !matches(records[size_t(at - 1)], handled)) {
+    int dispatch = own_record_before(records, at, 1);
+    int signaled = own_record_before(records, at, 2);
+    if (signaled < 0 || !matches(records[size_t(dispatch)], handled)) {
         ADD_FAILURE_AT(loc.file_name(), int(loc.line()))
             << "no SIGCHLD of orvel " << pid << " after record " << from;
         return -1;
     }
-    long index = number_after(records[size_t(at - 2)].text, "orvel signaled: ");
+    long index = number_after(records[size_t(signaled)].text, "orvel signaled: ");
     std::vector<line> expected = death_lines(signal_fd, pid, index, how);
     for (const line &l : launch_lines(keldra, successor))
         expected.push_back(l);
-    return expect_sequence(records, expected, at - 2, loc);
+    return expect_sequence(records, expected, signaled, loc);
 }
 
 TEST(OrvelDeath, ExitWithZeroAndCrashWithSignalElevenAreReapedAndRelaunched)
