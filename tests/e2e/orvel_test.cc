@@ -403,17 +403,26 @@ pid_t init_script_child(pid_t keldra)
 // The lines of one SIGCHLD that is not the daemon's, as dispatched with the
 // number printed by the "orvel signaled" line before it. Returns the index of
 // the last line, or -1 after a failure.
-int expect_foreign_sigchld(const std::vector<log_record> &all_records, int signal_fd,
-                           pid_t orvel, pid_t sender, e2e::where loc = e2e::where::current())
+int expect_foreign_sigchld(e2e::scenario &keldra, int signal_fd, pid_t orvel, pid_t sender,
+                           e2e::where loc = e2e::where::current())
 {
-    // The four lines come from the handler thread one after the other; the
-    // other launchers may log between them.
-    const std::vector<log_record> records = e2e::records_from_file(all_records, orvel_source);
     line handled = {'E', format_text("handle signal events(signal read fd : %d / orvel pid : "
                                      "%d)...\n",
                                      signal_fd, orvel)};
     line received = {'W', format_text("SIGCHLD signal is received from [pid : %d]\n", sender)};
-    int at = find_line(records, received);
+    // The four lines come from the handler thread one after the other; the
+    // other launchers may log between them. The last ones may still be on
+    // their way when the SIGCHLD line is there.
+    std::vector<log_record> records;
+    int at = -1;
+    e2e::wait_until(
+        [&] {
+            records = e2e::records_from_file(keldra.messages(), orvel_source);
+            at = find_line(records, received);
+            return at >= 0 &&
+                   find_prefix(records, 'E', "signal handling is failed...", at + 1) >= 0;
+        },
+        e2e::default_timeout, "the foreign SIGCHLD handled");
     if (at < 1 || !matches(records[size_t(at - 1)], handled)) {
         ADD_FAILURE_AT(loc.file_name(), int(loc.line()))
             << "no SIGCHLD from " << sender << " handled as a foreign one";
@@ -556,7 +565,7 @@ TEST(OrvelStart, FirstStartOfABootRunsTheScriptAndLaunchesOrvelBeforeRowsTwoAndT
     loop_fds fds = find_loop_fds(k);
     ASSERT_GE(fds.signal_fd, 0);
     ASSERT_GE(fds.inotify_fd, 0);
-    EXPECT_GE(expect_foreign_sigchld(records, fds.signal_fd, p, script_child), 0);
+    EXPECT_GE(expect_foreign_sigchld(keldra, fds.signal_fd, p, script_child), 0);
     auto entries = epoll_entries(k, fds.epoll_fd);
     ASSERT_EQ(entries.size(), 2u) << fdinfo(k, fds.epoll_fd);
     for (const epoll_entry &e : entries) {

@@ -285,20 +285,30 @@ int expect_restore(const std::vector<log_record> &records, int from, pid_t scrip
 }
 
 // The SIGCHLD of a child that is not the daemon: read, reported and ignored.
-void expect_foreign_sigchld(const std::vector<log_record> &all_records, pid_t keldra,
-                            pid_t sender, e2e::where loc = e2e::where::current())
+// Waits until the handler thread has logged all of it.
+void expect_foreign_sigchld(e2e::scenario &keldra, pid_t sender,
+                            e2e::where loc = e2e::where::current())
 {
+    const std::string received =
+        format_text("SIGCHLD signal is received from [pid : %d]\n", sender);
     // The handler thread logs these lines one after the other; the other
     // launchers may log between them.
-    const std::vector<log_record> records = e2e::records_from_file(all_records, orvel_source);
-    int at = find_line(records,
-                       {'W', format_text("SIGCHLD signal is received from [pid : %d]\n", sender)});
+    std::vector<log_record> records;
+    int at = -1;
+    e2e::wait_until(
+        [&] {
+            records = e2e::records_from_file(keldra.messages(), orvel_source);
+            at = find_line(records, {'W', received});
+            return at >= 0 &&
+                   find_prefix(records, 'E', "signal handling is failed...", at + 1) >= 0;
+        },
+        e2e::default_timeout, "the foreign SIGCHLD handled");
     if (at < 2) {
         ADD_FAILURE_AT(loc.file_name(), int(loc.line())) << "no SIGCHLD from " << sender;
         return;
     }
     EXPECT_TRUE(records[size_t(at - 1)].text.starts_with(format_text(
-        "handle signal events(signal read fd : %d / orvel pid : ", signal_fd_of(keldra))))
+        "handle signal events(signal read fd : %d / orvel pid : ", signal_fd_of(keldra.pid()))))
         << e2e::describe(records[size_t(at - 1)]);
     const std::string &signaled = records[size_t(at - 2)].text;
     long index = signaled.starts_with("orvel signaled: ")
@@ -356,7 +366,7 @@ TEST(Recovery, OrvelMarkerAfterSocketAndPidFileRestoresOnceThenWatchesAreRemoved
     EXPECT_GE(expect_sequence(records, {{'I', skip_text}, {'I', skip_text}, {'I', skip_text}},
                               done + 1),
               0);
-    expect_foreign_sigchld(records, k, script);
+    expect_foreign_sigchld(keldra, script);
     auto platform = keldra.platform_messages();
     int p = e2e::find_platform_message(platform, 6,
                                        "find pkgreinstall. starting to restore zelto database...\n");
@@ -552,7 +562,7 @@ TEST(Recovery, DbRecoveredCreatedInRunCountsAsTheCheckersMarkerAndASlowRestoreSh
     ASSERT_GE(done, 0);
     EXPECT_GE(find_line(records, {'E', "finished zelto database restore time =   002\n"}), 0)
         << "2.7 s print as 002 unless the machine is very slow";
-    expect_foreign_sigchld(records, keldra.pid(), script);
+    expect_foreign_sigchld(keldra, script);
     EXPECT_EQ(count_lines(records, {'I', skip_text}), 3);
     stop_keldra(keldra);
 }
