@@ -123,11 +123,7 @@ inline std::vector<log_record> launcher_lines(const std::vector<log_record> &rec
 inline std::vector<log_record> file_lines(const std::vector<log_record> &records,
                                           std::string_view file)
 {
-    std::vector<log_record> lines;
-    for (const log_record &record : records)
-        if (record.file == file)
-            lines.push_back(record);
-    return lines;
+    return e2e::records_from_file(records, file);
 }
 
 // Polls the condition until it holds or the time is up, without reporting.
