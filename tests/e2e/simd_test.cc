@@ -119,8 +119,11 @@ TEST_F(SimulatedDaemon, PellanServesAdminConnectionsOneAfterAnother)
     ASSERT_GT(pid, 0);
     ASSERT_TRUE(e2e::wait_for_file("/run/pellan/pellan-admin.socket"));
     for (size_t n = 1; n <= 2; ++n) {
-        int fd = connect_to("/run/pellan/pellan-admin.socket");
-        ASSERT_GE(fd, 0);
+        // The file is there from bind(); connections are taken from listen().
+        int fd = -1;
+        ASSERT_TRUE(e2e::wait_until(
+            [&] { return (fd = connect_to("/run/pellan/pellan-admin.socket")) >= 0; },
+            e2e::default_timeout, "the admin socket to take a connection"));
         close(fd);
         EXPECT_EQ(e2e::wait_for_steps("pellan", "admin-served", n).size(), n);
     }
