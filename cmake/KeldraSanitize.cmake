@@ -10,10 +10,12 @@
 # libraries that are preloaded into other programs (keldra_unsanitized).
 #
 # The tests run every sanitized program with the options of
-# keldra_sanitizer_env: reports never go to stderr (where they would mix with
-# keldra's log) but to files <build>/sanitizer-reports/<test program>.<pid>,
-# and tools/sanitize.sh fails when it finds any after ctest. The build
-# directory is visible inside the sandbox, unlike /tmp and /run.
+# keldra_sanitizer_env: ASan, LSan and TSan reports do not go to stderr (where
+# they would mix with keldra's log) but to files
+# <build>/sanitizer-reports/<test program>.<pid>, and tools/sanitize.sh fails
+# when it finds any after ctest. The build directory is visible inside the
+# sandbox, unlike /tmp and /run. UBSan ignores log_path next to ASan: its
+# reports stay on stderr, where the scenario harness looks for them.
 set(KELDRA_SANITIZE "" CACHE STRING "Sanitizer build: empty, address (ASan+UBSan) or thread (TSan)")
 set_property(CACHE KELDRA_SANITIZE PROPERTY STRINGS "" address thread)
 
@@ -61,17 +63,15 @@ function(keldra_unsanitized)
   endforeach()
 endfunction()
 
-# Compiles the given targets, if they exist, with -O1 in a sanitizer build:
-# the scenario harness parses all of keldra's log at every poll, which
-# unoptimised instrumented code cannot keep up with when keldra floods it.
-function(keldra_sanitizer_optimized)
-  if(NOT keldra_sanitize_flags)
+# Adds to the given executables, in an AddressSanitizer build, the hook that
+# leaves the leak check to the process that was started and spares the
+# children it forks (tools/sanitizer/lsan_fork_hook.cc).
+function(keldra_sanitizer_hooks)
+  if(NOT KELDRA_SANITIZE STREQUAL "address")
     return()
   endif()
   foreach(target IN LISTS ARGN)
-    if(TARGET ${target})
-      target_compile_options(${target} PRIVATE -O1)
-    endif()
+    target_sources(${target} PRIVATE ${CMAKE_SOURCE_DIR}/tools/sanitizer/lsan_fork_hook.cc)
   endforeach()
 endfunction()
 

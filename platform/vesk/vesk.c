@@ -48,6 +48,11 @@ static pthread_mutex_t vesk_lock;
 /* Set while this thread is inside its syslog section; initial-exec so that
  * reading it from a signal handler never allocates. */
 static __thread int vesk_in_syslog __attribute__((tls_model("initial-exec")));
+/* The tag syslog is open with. Guarded by vesk_lock; accessed atomically as
+ * well, because a thread may get here from its cancellation cleanup after
+ * being cancelled inside a blocking call, where ThreadSanitizer no longer
+ * records the locks the thread takes and would report the guarded accesses
+ * as a race. */
 static const char *vesk_ident;
 
 /* Recursive, so that a signal handler that interrupts fork()'s prepare step
@@ -110,9 +115,9 @@ static void send_to_syslog(int prio, const char *tag, const char *text)
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
     vesk_in_syslog = 1;
     pthread_mutex_lock(&vesk_lock);
-    if (tag && tag != vesk_ident) {
-        vesk_ident = tag;
-        openlog(vesk_ident, LOG_PID, LOG_USER);
+    if (tag && tag != __atomic_load_n(&vesk_ident, __ATOMIC_RELAXED)) {
+        __atomic_store_n(&vesk_ident, tag, __ATOMIC_RELAXED);
+        openlog(tag, LOG_PID, LOG_USER);
     }
     syslog(syslog_priority(prio), "%s", text);
     pthread_mutex_unlock(&vesk_lock);

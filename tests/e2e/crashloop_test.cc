@@ -8,6 +8,7 @@
 #include <dirent.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <iostream>
@@ -19,7 +20,24 @@ using namespace std::chrono_literals;
 using e2e::format_text;
 using e2e::log_record;
 
-constexpr int kills = 200;
+// Kills of each daemon: KELDRA_CRASHLOOP_KILLS, 200 by default (what the main
+// suite runs; the sanitizer runs take fewer, tools/sanitize.sh).
+int kills_from_environment()
+{
+    const char *text = getenv("KELDRA_CRASHLOOP_KILLS");
+    if (text == nullptr || *text == '\0')
+        return 200;
+    char *end = nullptr;
+    long n = strtol(text, &end, 10);
+    if (*end != '\0' || n < 40 || n > 100000) {
+        fprintf(stderr, "KELDRA_CRASHLOOP_KILLS must be a number from 40 to 100000, not %s\n",
+                text);
+        exit(2);
+    }
+    return int(n);
+}
+
+const int kills = kills_from_environment();
 // The usage of the supervisor is taken after this many kills and compared
 // with its usage at the end.
 constexpr int baseline_kill = 20;
@@ -106,9 +124,13 @@ struct usage_watch {
                 },
                 10s, "the supervisor's descriptor count to be back to the baseline"))
                 << "baseline " << baseline.descriptors << ", now " << last.descriptors;
-            EXPECT_LT(last.rss_kib - baseline.rss_kib, rss_growth_bound_kib)
-                << "VmRSS after kill " << baseline_kill << ": " << baseline.rss_kib
-                << " kB, after kill " << kills << ": " << last.rss_kib << " kB";
+            if (e2e::keldra_sanitizer().empty())
+                EXPECT_LT(last.rss_kib - baseline.rss_kib, rss_growth_bound_kib)
+                    << "VmRSS after kill " << baseline_kill << ": " << baseline.rss_kib
+                    << " kB, after kill " << kills << ": " << last.rss_kib << " kB";
+            else
+                std::cout << "resident size not bounded: keldra runs under the "
+                          << e2e::keldra_sanitizer() << " sanitizer\n";
             std::cout << "supervisor usage after kill " << baseline_kill << ": "
                       << baseline.descriptors << " descriptors, VmRSS " << baseline.rss_kib
                       << " kB; after kill " << kills << ": " << last.descriptors
@@ -181,7 +203,7 @@ void kill_loop(e2e::scenario &keldra, std::string_view name,
     EXPECT_EQ(e2e::daemon_pids(name), std::vector<pid_t>{current});
 }
 
-TEST(CrashLoop, DunmarKilled200Times)
+TEST(CrashLoop, DunmarKilledAgainAndAgain)
 {
     e2e::scenario keldra;
     ASSERT_TRUE(start_supervisor(keldra));
@@ -203,7 +225,7 @@ TEST(CrashLoop, DunmarKilled200Times)
         EXPECT_EQ(e2e::fork_label(record.pid), "System") << record.pid;
 }
 
-TEST(CrashLoop, TavishKilled200Times)
+TEST(CrashLoop, TavishKilledAgainAndAgain)
 {
     e2e::scenario keldra;
     ASSERT_TRUE(start_supervisor(keldra));
@@ -222,7 +244,7 @@ TEST(CrashLoop, TavishKilled200Times)
     EXPECT_TRUE(e2e::exists("/run/tavish.ready"));
 }
 
-TEST(CrashLoop, OrvelKilled200Times)
+TEST(CrashLoop, OrvelKilledAgainAndAgain)
 {
     e2e::scenario keldra;
     ASSERT_TRUE(start_supervisor(keldra));
@@ -329,7 +351,7 @@ pid_t wait_for_surviving_checker(const e2e::scenario &keldra, pid_t previous)
     return found;
 }
 
-TEST(CrashLoop, PellanKilled200Times)
+TEST(CrashLoop, PellanKilledAgainAndAgain)
 {
     e2e::scenario keldra;
     ASSERT_TRUE(start_supervisor(keldra));

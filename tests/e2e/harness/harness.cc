@@ -559,6 +559,11 @@ std::string keldra_binary()
     return KELDRA_BUILD_DIR "/keldra";
 }
 
+std::string keldra_sanitizer()
+{
+    return KELDRA_SANITIZE;
+}
+
 std::string format_text(const char *format, ...)
 {
     va_list ap;
@@ -854,6 +859,29 @@ std::vector<pid_t> pids_with_argv0(std::string_view path)
 
 // ====================================================================== scenario
 
+namespace {
+
+// Sanitizer builds (tools/sanitize.sh): AddressSanitizer and ThreadSanitizer
+// write their reports to files that the CI script checks, but
+// UndefinedBehaviorSanitizer writes to stderr whatever its log_path says. A
+// report there, from the supervisor or a daemon it launched (they share its
+// stderr), fails the test even when the test never looks at how the
+// supervisor ended.
+void expect_no_sanitizer_report(const std::string &text, const std::string &path)
+{
+    for (const char *marker : {"runtime error: ", "==ERROR: ", "WARNING: ThreadSanitizer"}) {
+        size_t at = text.find(marker);
+        if (at == std::string::npos)
+            continue;
+        size_t from = text.rfind('\n', at);
+        from = from == std::string::npos ? 0 : from + 1;
+        ADD_FAILURE() << "sanitizer report in " << path << ":\n" << text.substr(from, 4096);
+        return;
+    }
+}
+
+} // namespace
+
 scenario::scenario(scenario_options options) : options_(std::move(options))
 {
     index_ = next_scenario_index();
@@ -874,6 +902,8 @@ scenario::~scenario()
     if (stdout_pipe_ >= 0)
         close(stdout_pipe_);
     std::erase(live_scenarios(), this);
+    if (pid_ > 0)
+        expect_no_sanitizer_report(stderr_text(), stderr_path_);
     if (::testing::Test::HasFailure())
         std::cout << "\nScenario at the end of the failed test:\n" << diagnostics() << std::flush;
 }

@@ -96,6 +96,12 @@ inline constexpr const char *admin_record_path = "/tmp/simd/pellan.admin";
 // The supervisor under test: KELDRA_BUILD_DIR "/keldra".
 std::string keldra_binary();
 
+// The sanitizer the supervisor under test is built with: "address",
+// "thread", or "" in a normal build (CMake's KELDRA_SANITIZE). The runtime's
+// own memory (shadow, quarantine, histories) grows on its own there, so
+// keldra's resident size says nothing about leaks of keldra in such a build.
+std::string keldra_sanitizer();
+
 // True inside keldra-sandbox (KELDRA_SANDBOX=1 and PID 1 is the sandbox).
 // Everything here that starts a program or writes a file ends the test
 // program at once (status 1, with a message) when run outside the sandbox,
