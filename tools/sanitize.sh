@@ -10,6 +10,9 @@
 #                                        address tests run)
 #   tools/sanitize.sh thread             one of them
 #   tools/sanitize.sh address -- -R e2e_lock   extra arguments after -- go to ctest
+#   tools/sanitize.sh --build-only       build the trees one after the other,
+#                                        run nothing (tools/test.sh does this
+#                                        in the background of the main suite)
 #
 # Environment: ASAN_BUILD_DIR, TSAN_BUILD_DIR (build directories),
 # SANITIZE_JOBS (ctest parallelism, default 10: the scenarios mostly sleep).
@@ -53,10 +56,12 @@ export KELDRA_CRASHLOOP_KILLS=${KELDRA_CRASHLOOP_KILLS:-50}
 export KELDRA_SOAK_DEATHS=${KELDRA_SOAK_DEATHS:-200}
 
 sanitizers=()
+build_only=0
 while [ $# -gt 0 ] && [ "$1" != "--" ]; do
     case "$1" in
     address | thread) sanitizers+=("$1") ;;
-    *) echo "usage: tools/sanitize.sh [address] [thread] [-- ctest arguments]" >&2; exit 2 ;;
+    --build-only) build_only=1 ;;
+    *) echo "usage: tools/sanitize.sh [--build-only] [address] [thread] [-- ctest arguments]" >&2; exit 2 ;;
     esac
     shift
 done
@@ -133,6 +138,12 @@ test_tree() {
 }
 
 install_missing_packages
+if [ $build_only -eq 1 ]; then
+    for sanitizer in "${sanitizers[@]}"; do
+        build_tree "$sanitizer" || exit 1
+    done
+    exit 0
+fi
 failed=()
 built=0
 build_tree "${sanitizers[0]}" || built=1

@@ -1,8 +1,9 @@
 #!/bin/bash
 # The full soak of tests/e2e/soak_test.cc: 10000 daemon deaths (or as many
 # as given) spread over the four daemons, in seven test cases run side by
-# side, each with a supervisor of its own in the sandbox. CI runs the same
-# cases with 1000 deaths as part of the main suite.
+# side, each with a supervisor of its own in the sandbox. The main suite
+# runs the same cases with 10000 deaths at ctest's -j2; this runs them all at
+# once, in a build directory of its own.
 #
 #   tools/soak.sh [DEATHS]              default 10000
 #   SOAK_BUILD_DIR=dir tools/soak.sh    another build directory (default

@@ -23,15 +23,18 @@ mapfile -t -O "${#packages[@]}" packages < <(grep -v '^[[:space:]]*\(#\|$\)' "$r
 
 source "$root/tools/packages.sh"
 
-# The ctest suite of build/ with the given arguments.
-run_ctest() {
+build_tree() {
     install_missing_packages
     cmake -S "$root" -B "$build"
     cmake --build "$build" -j2
+}
+
+run_ctest() {
     (cd "$build" && ctest --output-on-failure -j2 "$@")
 }
 
 if [ $# -gt 0 ]; then
+    build_tree
     run_ctest "$@"
     exit
 fi
@@ -44,6 +47,12 @@ if command -v qemu-system-x86_64 >/dev/null; then
     nice -n 19 "$root/tools/smack-vm/build-kernel.sh" >"$smack_kernel_log" 2>&1 &
     smack_kernel=$!
 fi
+build_tree
+# The sanitizer trees build meanwhile, at the lowest priority too: the
+# scenarios of the main suite mostly sleep.
+sanitizer_build_log=$(mktemp /tmp/keldra-sanitizer-build.XXXXXX)
+nice -n 19 "$root/tools/sanitize.sh" --build-only >"$sanitizer_build_log" 2>&1 &
+sanitizer_build=$!
 run_ctest -LE smack-vm
 # One short round of the benchmark against runit and s6, so that it cannot
 # rot: its figures are printed, never judged (bench/run.sh).
@@ -55,6 +64,12 @@ BUILD_DIR="$build" "$root/bench/run.sh" --ci
 # full 10000.
 "$root/tools/fuzz.sh" 60
 "$root/tools/valgrind.sh"
+if ! wait "$sanitizer_build"; then
+    echo "the sanitizer trees could not be built:" >&2
+    cat "$sanitizer_build_log" >&2
+    exit 1
+fi
+rm -f "$sanitizer_build_log"
 "$root/tools/sanitize.sh"
 # The Smack VM test (ctest label smack-vm), once its kernel is there.
 if [ -n "$smack_kernel" ] && ! wait "$smack_kernel"; then
