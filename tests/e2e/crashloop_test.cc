@@ -5,7 +5,6 @@
 // first cycles are behind it.
 #include "harness.h"
 
-#include <dirent.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -22,22 +21,7 @@ using e2e::log_record;
 
 // Kills of each daemon: KELDRA_CRASHLOOP_KILLS, 200 by default (what the main
 // suite runs; the sanitizer runs take fewer, tools/sanitize.sh).
-int kills_from_environment()
-{
-    const char *text = getenv("KELDRA_CRASHLOOP_KILLS");
-    if (text == nullptr || *text == '\0')
-        return 200;
-    char *end = nullptr;
-    long n = strtol(text, &end, 10);
-    if (*end != '\0' || n < 40 || n > 100000) {
-        fprintf(stderr, "KELDRA_CRASHLOOP_KILLS must be a number from 40 to 100000, not %s\n",
-                text);
-        exit(2);
-    }
-    return int(n);
-}
-
-const int kills = kills_from_environment();
+const int kills = e2e::number_from_environment("KELDRA_CRASHLOOP_KILLS", 200, 40, 100000);
 // The usage of the supervisor is taken after this many kills and compared
 // with its usage at the end.
 constexpr int baseline_kill = 20;
@@ -55,32 +39,6 @@ bool start_supervisor(e2e::scenario &keldra)
                                                     keldra.pid())) >= 0;
 }
 
-int descriptor_count(pid_t pid)
-{
-    DIR *dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-    if (!dir)
-        return -1;
-    int count = 0;
-    while (dirent *entry = readdir(dir)) {
-        if (entry->d_name[0] != '.')
-            ++count;
-    }
-    closedir(dir);
-    return count;
-}
-
-long resident_kib(pid_t pid)
-{
-    auto status = e2e::read_file("/proc/" + std::to_string(pid) + "/status");
-    if (!status)
-        return -1;
-    size_t at = status->find("\nVmRSS:");
-    long kib = -1;
-    if (at == std::string::npos || sscanf(status->c_str() + at, "\nVmRSS: %ld kB", &kib) != 1)
-        return -1;
-    return kib;
-}
-
 struct usage {
     int descriptors = -1;
     long rss_kib = -1;
@@ -94,13 +52,13 @@ usage settled_usage(pid_t supervisor)
     int same = 0;
     e2e::wait_until(
         [&] {
-            int now = descriptor_count(supervisor);
+            int now = e2e::descriptor_count(supervisor);
             same = now == last ? same + 1 : 0;
             last = now;
             return same >= 4;
         },
         5s, "a steady descriptor count of the supervisor");
-    return {last, resident_kib(supervisor)};
+    return {last, e2e::status_field(supervisor, "VmRSS")};
 }
 
 // Records the usage at the baseline kill and compares it at the last one.

@@ -44,7 +44,6 @@
 // fails; over a pellan case it is 9 bytes per launch.
 #include "harness.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
@@ -74,16 +73,7 @@ constexpr long resident_growth_bound_kib = 256;
 
 int soak_deaths()
 {
-    const char *text = getenv("KELDRA_SOAK_DEATHS");
-    if (text == nullptr || *text == '\0')
-        return default_deaths;
-    char *end = nullptr;
-    long deaths = strtol(text, &end, 10);
-    if (*end != '\0' || deaths < 40 || deaths > 1000000) {
-        ADD_FAILURE() << "KELDRA_SOAK_DEATHS must be a number from 40 to 1000000, not " << text;
-        return default_deaths;
-    }
-    return int(deaths);
+    return e2e::number_from_environment("KELDRA_SOAK_DEATHS", default_deaths, 40, 1000000);
 }
 
 // The pellan cases and their share (see above).
@@ -186,32 +176,6 @@ std::map<std::pair<char, std::string>, int> count_records(const e2e::scenario &k
 
 // ---------------------------------------------------------------- usage
 
-int descriptor_count(pid_t pid)
-{
-    DIR *dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-    if (!dir)
-        return -1;
-    int count = 0;
-    while (dirent *entry = readdir(dir)) {
-        if (entry->d_name[0] != '.')
-            ++count;
-    }
-    closedir(dir);
-    return count;
-}
-
-long status_field(pid_t pid, const char *field)
-{
-    auto status = e2e::read_file("/proc/" + std::to_string(pid) + "/status");
-    if (!status)
-        return -1;
-    std::string key = std::string("\n") + field + ":";
-    size_t at = status->find(key);
-    if (at == std::string::npos)
-        return -1;
-    return strtol(status->c_str() + at + key.size(), nullptr, 10);
-}
-
 struct usage {
     int descriptors = -1;
     long threads = -1;
@@ -232,13 +196,14 @@ usage settled_usage(pid_t supervisor)
     int same = 0;
     e2e::wait_until(
         [&] {
-            int now = descriptor_count(supervisor);
+            int now = e2e::descriptor_count(supervisor);
             same = now == last ? same + 1 : 0;
             last = now;
             return same >= 4;
         },
         10s, "a steady descriptor count of the supervisor");
-    return {last, status_field(supervisor, "Threads"), status_field(supervisor, "VmRSS")};
+    return {last, e2e::status_field(supervisor, "Threads"),
+            e2e::status_field(supervisor, "VmRSS")};
 }
 
 // Takes the usage after the warm-up and compares it with the usage at the
@@ -258,7 +223,7 @@ struct usage_watch {
             ASSERT_GT(baseline.rss_kib, 0);
             rss_peak_kib = baseline.rss_kib;
         } else if (death > warm_up && death % 100 == 0) {
-            rss_peak_kib = std::max(rss_peak_kib, status_field(supervisor, "VmRSS"));
+            rss_peak_kib = std::max(rss_peak_kib, e2e::status_field(supervisor, "VmRSS"));
         }
     }
 

@@ -564,6 +564,47 @@ std::string keldra_sanitizer()
     return KELDRA_SANITIZE;
 }
 
+int number_from_environment(const char *name, int fallback, int min, int max)
+{
+    const char *text = getenv(name);
+    if (text == nullptr || *text == '\0')
+        return fallback;
+    char *end = nullptr;
+    errno = 0;
+    long n = strtol(text, &end, 10);
+    if (*end != '\0' || errno != 0 || n < min || n > max) {
+        fprintf(stderr, "%s must be a number from %d to %d, not %s\n", name, min, max, text);
+        exit(2);
+    }
+    return int(n);
+}
+
+int descriptor_count(pid_t pid)
+{
+    DIR *dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
+    if (!dir)
+        return -1;
+    int count = 0;
+    while (dirent *entry = readdir(dir)) {
+        if (entry->d_name[0] != '.')
+            ++count;
+    }
+    closedir(dir);
+    return count;
+}
+
+long status_field(pid_t pid, const char *field)
+{
+    auto status = read_file("/proc/" + std::to_string(pid) + "/status");
+    if (!status)
+        return -1;
+    std::string key = std::string("\n") + field + ":";
+    size_t at = status->find(key);
+    if (at == std::string::npos)
+        return -1;
+    return strtol(status->c_str() + at + key.size(), nullptr, 10);
+}
+
 std::string format_text(const char *format, ...)
 {
     va_list ap;

@@ -102,6 +102,16 @@ std::string keldra_binary();
 // keldra's resident size says nothing about leaks of keldra in such a build.
 std::string keldra_sanitizer();
 
+// A whole number from the environment variable `name`: `fallback` when it is
+// unset or empty; a value that is not a number from min to max ends the
+// program with status 2 and says why (usable before any test has begun).
+int number_from_environment(const char *name, int fallback, int min, int max);
+
+// A process's open descriptors, and a numeric field of /proc/<pid>/status
+// ("Threads", "VmRSS" in kB); -1 when the process cannot be read.
+int descriptor_count(pid_t pid);
+long status_field(pid_t pid, const char *field);
+
 // True inside keldra-sandbox (KELDRA_SANDBOX=1 and PID 1 is the sandbox).
 // Everything here that starts a program or writes a file ends the test
 // program at once (status 1, with a message) when run outside the sandbox,
