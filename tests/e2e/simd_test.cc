@@ -113,6 +113,24 @@ TEST_F(SimulatedDaemon, PellanCreatesItsFourListeningSocketsAsItsOwnUser)
     EXPECT_TRUE(e2e::daemon_errors("pellan").empty());
 }
 
+// What a checker killed in the middle of its start record leaves: a line
+// without its end. The next start record goes on a line of its own, so the
+// new checker's pid is not swallowed by the remains.
+TEST_F(SimulatedDaemon, StartRecordAfterARecordCutShortStandsOnItsOwnLine)
+{
+    ASSERT_TRUE(e2e::make_directory(e2e::simd_dir, 01777));
+    ASSERT_TRUE(e2e::write_file(std::string(e2e::simd_dir) + "/pellan.starts",
+                                "pid=12345 ppid=3 uid=401 mono_ns=17"));
+    pid_t pid = start_pellan();
+    ASSERT_GT(pid, 0);
+    auto starts = e2e::wait_for_starts("pellan", 2);
+    ASSERT_EQ(starts.size(), 2u);
+    EXPECT_EQ(starts[0].pid, 12345);
+    EXPECT_EQ(starts[0].mono_ns, 17u);
+    EXPECT_EQ(starts[1].pid, pid);
+    EXPECT_EQ(starts[1].argv0, "/usr/bin/pellan");
+}
+
 TEST_F(SimulatedDaemon, PellanServesAdminConnectionsOneAfterAnother)
 {
     pid_t pid = start_pellan();

@@ -158,13 +158,27 @@ std::string record_path(const daemon_role &role, const char *suffix)
 
 // Appends one line with a single write; the file is made 0666 whoever
 // creates it, so that every role and the tests can append and read.
+// True when the file's last byte is not a line end: a writer was killed in
+// the middle of its record (the supervisor kills new checkers right after
+// their start, and a write cut by SIGKILL can stop at a page boundary).
+bool ends_mid_line(int fd)
+{
+    struct stat st;
+    char last = '\n';
+    return fstat(fd, &st) == 0 && st.st_size > 0 && pread(fd, &last, 1, st.st_size - 1) == 1 &&
+           last != '\n';
+}
+
+// Appends one record line with one write. After a record cut short, the new
+// one starts on a line of its own instead of being glued to the remains.
 void append_line(const std::string &path, const std::string &line)
 {
-    int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    int fd = open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
     if (fd < 0)
         return;
     fchmod(fd, 0666);
-    ssize_t written = write(fd, line.data(), line.size());
+    const std::string text = ends_mid_line(fd) ? "\n" + line : line;
+    ssize_t written = write(fd, text.data(), text.size());
     (void)written;
     close(fd);
 }
