@@ -3,7 +3,7 @@
 // relaunch, two copies of a daemon must never run at once, and the
 // supervisor's descriptors and resident memory must stay steady once the
 // first cycles are behind it.
-#include "harness.h"
+#include "fault_support.h"
 
 #include <signal.h>
 #include <stdio.h>
@@ -239,33 +239,8 @@ TEST(CrashLoop, OrvelKilledAgainAndAgain)
 // is followed by one checker that comes through the permission step, after
 // any number of checkers killed by the supervisor itself.
 
-struct pellan_launch {
-    pid_t pid = -1;
-    bool permissions_failed = false;
-    bool completed = false; // "pellan launched successfully" logged
-};
-
-std::vector<pellan_launch> pellan_launches(const std::vector<log_record> &records)
-{
-    std::vector<pellan_launch> launches;
-    for (const log_record &record : records) {
-        if (record.file != "pellan-launcher.cc")
-            continue;
-        int pid = -1;
-        if (sscanf(record.text.c_str(), "launch pellan( %d )", &pid) == 1) {
-            launches.push_back({pid, false, false});
-        } else if (!launches.empty() && (record.text.starts_with("can't change mode (") ||
-                                         record.text.starts_with("can't change owner ("))) {
-            launches.back().permissions_failed = true;
-        } else if (!launches.empty() &&
-                   sscanf(record.text.c_str(), "pellan launched successfully (pid: %d)", &pid) ==
-                       1 &&
-                   pid == launches.back().pid) {
-            launches.back().completed = true;
-        }
-    }
-    return launches;
-}
+using faults::pellan_launch;
+using faults::pellan_launches;
 
 // The last launch as the end of the supervisor's stderr shows it (the whole
 // file grows by megabytes in this loop).

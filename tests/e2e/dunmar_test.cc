@@ -115,16 +115,7 @@ void expect_platform_record(const e2e::scenario &keldra, char level, const std::
                             const std::string &function, int nth = 1,
                             e2e::where loc = e2e::where::current())
 {
-    SCOPED_TRACE(::testing::Message() << "platform record of [" << level << "] \""
-                                      << e2e::visible(text) << "\", called at line "
-                                      << loc.line());
-    auto records = keldra.platform_messages();
-    int at = e2e::find_platform_message(records, e2e::level_priority(level), text, nth);
-    ASSERT_GE(at, 0);
-    expect_record_fields(records[size_t(at)], level, function);
-    int line = keldra.find_message(level, text, nth);
-    ASSERT_GE(line, 0);
-    EXPECT_EQ(keldra.messages()[size_t(line)].line, records[size_t(at)].line);
+    e2e::expect_platform_record(keldra, level, text, launcher_file, function, nth, loc);
 }
 
 // A message written to the platform log alone: its records all come from

@@ -187,30 +187,7 @@ inline ::testing::AssertionResult consecutive(const std::vector<log_record> &lin
                    << describe_lines(lines, size_t(start), expected.size() + 6);
 }
 
-// The platform-log record of the nth message with this level and text: id 0,
-// the level's priority, tag KELDRA, file, function and the line of its
-// stderr twin.
-inline void expect_platform_record(const e2e::scenario &keldra, char level,
-                                   const std::string &text, const std::string &file,
-                                   const std::string &function, int nth = 1,
-                                   e2e::where loc = e2e::where::current())
-{
-    SCOPED_TRACE(::testing::Message() << "platform record of [" << level << "] \""
-                                      << e2e::visible(text) << "\", checked at line "
-                                      << loc.line());
-    auto records = keldra.platform_messages();
-    int at = e2e::find_platform_message(records, e2e::level_priority(level), text, nth);
-    ASSERT_GE(at, 0);
-    const e2e::platform_record &record = records[size_t(at)];
-    EXPECT_EQ(record.log_id, 0);
-    EXPECT_EQ(record.tag, "KELDRA");
-    EXPECT_EQ(record.file, file);
-    EXPECT_EQ(record.function, function);
-    EXPECT_GT(record.line, 0);
-    int line = keldra.find_message(level, text, nth);
-    ASSERT_GE(line, 0);
-    EXPECT_EQ(keldra.messages()[size_t(line)].line, record.line);
-}
+using e2e::expect_platform_record;
 
 // ------------------------------------------------------------ pellan recovery
 //

@@ -124,22 +124,7 @@ void expect_platform_record(const e2e::scenario &keldra, char level, const std::
                             const std::string &function, int nth = 1,
                             e2e::where loc = e2e::where::current())
 {
-    SCOPED_TRACE(::testing::Message() << "platform record of [" << level << "] \""
-                                      << e2e::visible(text) << "\", called at line "
-                                      << loc.line());
-    auto records = keldra.platform_messages();
-    int at = e2e::find_platform_message(records, e2e::level_priority(level), text, nth);
-    ASSERT_GE(at, 0);
-    const e2e::platform_record &record = records[size_t(at)];
-    EXPECT_EQ(record.log_id, 0);
-    EXPECT_EQ(record.tag, "KELDRA");
-    EXPECT_EQ(record.file, launcher_file);
-    EXPECT_EQ(record.function, function);
-    EXPECT_GT(record.line, 0);
-    int line = keldra.find_message(level, text, nth);
-    ASSERT_GE(line, 0);
-    EXPECT_EQ(keldra.messages()[size_t(line)].file, record.file);
-    EXPECT_EQ(keldra.messages()[size_t(line)].line, record.line);
+    e2e::expect_platform_record(keldra, level, text, launcher_file, function, nth, loc);
 }
 
 // A checker as this launcher starts it: the full path alone, a session of

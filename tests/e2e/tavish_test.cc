@@ -91,35 +91,13 @@ std::string describe_lines(const std::vector<log_record> &lines, size_t from, si
     return ::testing::AssertionSuccess();
 }
 
-// Checks one platform-log record: priority of the level, id 0, tag, this
-// launcher's file, the function and a line.
-void expect_record_fields(const e2e::platform_record &record, char level,
-                          const std::string &function)
-{
-    EXPECT_EQ(record.log_id, 0);
-    EXPECT_EQ(record.prio, e2e::level_priority(level));
-    EXPECT_EQ(record.tag, "KELDRA");
-    EXPECT_EQ(record.file, launcher_file);
-    EXPECT_EQ(record.function, function);
-    EXPECT_GT(record.line, 0);
-}
-
 // The platform-log record of the nth message with this level and text, and
 // its stderr line with the same file and line.
 void expect_platform_record(const e2e::scenario &keldra, char level, const std::string &text,
                             const std::string &function, int nth = 1,
                             e2e::where loc = e2e::where::current())
 {
-    SCOPED_TRACE(::testing::Message() << "platform record of [" << level << "] \""
-                                      << e2e::visible(text) << "\", called at line "
-                                      << loc.line());
-    auto records = keldra.platform_messages();
-    int at = e2e::find_platform_message(records, e2e::level_priority(level), text, nth);
-    ASSERT_GE(at, 0);
-    expect_record_fields(records[size_t(at)], level, function);
-    int line = keldra.find_message(level, text, nth);
-    ASSERT_GE(line, 0);
-    EXPECT_EQ(keldra.messages()[size_t(line)].line, records[size_t(at)].line);
+    e2e::expect_platform_record(keldra, level, text, launcher_file, function, nth, loc);
 }
 
 // A logger as this launcher starts it: the full path alone, a session of

@@ -1634,4 +1634,25 @@ void PrintTo(const file_owner &owner, std::ostream *out)
     *out << owner.uid << ":" << owner.gid;
 }
 
+void expect_platform_record(const scenario &keldra, char level, const std::string &text,
+                            const std::string &file, const std::string &function, int nth,
+                            where loc)
+{
+    SCOPED_TRACE(::testing::Message() << "platform record of [" << level << "] \""
+                                      << visible(text) << "\", checked at line " << loc.line());
+    auto records = keldra.platform_messages();
+    int at = find_platform_message(records, level_priority(level), text, nth);
+    ASSERT_GE(at, 0);
+    const platform_record &record = records[size_t(at)];
+    EXPECT_EQ(record.log_id, 0);
+    EXPECT_EQ(record.tag, "KELDRA");
+    EXPECT_EQ(record.file, file);
+    EXPECT_EQ(record.function, function);
+    EXPECT_GT(record.line, 0);
+    int line = keldra.find_message(level, text, nth);
+    ASSERT_GE(line, 0);
+    EXPECT_EQ(keldra.messages()[size_t(line)].file, record.file);
+    EXPECT_EQ(keldra.messages()[size_t(line)].line, record.line);
+}
+
 } // namespace e2e

@@ -354,6 +354,13 @@ private:
     mutable stderr_cache stderr_cache_;
 };
 
+// The platform-log record of the nth message with this level and text: id 0,
+// the level's priority, tag KELDRA, this file and function, and the file and
+// line of its stderr twin.
+void expect_platform_record(const scenario &keldra, char level, const std::string &text,
+                            const std::string &file, const std::string &function, int nth = 1,
+                            where loc = where::current());
+
 // The diagnostics of every scenario alive in the test (empty when none).
 std::string live_scenarios_diagnostics();
 
