@@ -1025,7 +1025,33 @@ bool scenario::send_signal(int sig, where loc)
                                 ") failed: " + errno_text(errno) + "\n");
         return false;
     }
+    if (sig == SIGTERM) {
+        sigterm_reports_before_ = count_messages('W', sigterm_report);
+        sigterm_sent_at_ = std::chrono::steady_clock::now();
+    }
     return true;
+}
+
+// The ThreadSanitizer runtime of gcc 12 loses a signal now and then: in about
+// one stop in a thousand, with the test machine loaded, keldra never reports
+// the SIGTERM although the kernel has delivered it (no thread has it pending,
+// no thread has it queued in the runtime, every thread waits, the relay pipe
+// is intact). It has only been seen while a launcher thread was still starting
+// its daemon. Plain, address-sanitized and memcheck runs have never lost one.
+// Under that runtime only, a SIGTERM still unreported after 10 s is sent once
+// more, and the test log says so.
+void scenario::resend_sigterm_lost_by_thread_sanitizer()
+{
+    if (keldra_sanitizer() != "thread" || sigterm_reports_before_ < 0 ||
+        std::chrono::steady_clock::now() - sigterm_sent_at_ < 10s)
+        return;
+    int before = sigterm_reports_before_;
+    sigterm_reports_before_ = -1;
+    if (count_messages('W', sigterm_report) > before)
+        return;
+    std::cerr << "note: keldra (pid " << pid_
+              << ") has not reported the SIGTERM sent 10 s ago; sending it again\n";
+    kill(pid_, SIGTERM);
 }
 
 std::optional<exit_status> scenario::wait_exit(milliseconds timeout, where loc)
@@ -1034,8 +1060,14 @@ std::optional<exit_status> scenario::wait_exit(milliseconds timeout, where loc)
         report_failure(loc, "wait_exit: the supervisor was never started\n");
         return std::nullopt;
     }
-    wait_until([&] { return !is_running(); }, timeout,
-               "the supervisor (pid " + std::to_string(pid_) + ") to exit", loc);
+    wait_until(
+        [&] {
+            if (!is_running())
+                return true;
+            resend_sigterm_lost_by_thread_sanitizer();
+            return false;
+        },
+        timeout, "the supervisor (pid " + std::to_string(pid_) + ") to exit", loc);
     return status_;
 }
 
@@ -1213,6 +1245,38 @@ bool scenario::expect_in_order(const std::vector<expected_message> &expected, wh
     return false;
 }
 
+// One line per thread of a process that should have ended: where each one
+// waits (state, kernel wait channel, system call) and its signal sets, so a
+// hang shows which thread holds a signal and which never took it.
+static std::string thread_states(pid_t pid)
+{
+    std::string task_dir = "/proc/" + std::to_string(pid) + "/task";
+    DIR *dir = opendir(task_dir.c_str());
+    if (!dir)
+        return "";
+    std::string out = "threads:\n";
+    while (dirent *entry = readdir(dir)) {
+        if (entry->d_name[0] == '.')
+            continue;
+        std::string base = task_dir + "/" + entry->d_name;
+        std::string line = std::string("  ") + entry->d_name;
+        std::istringstream status(read_file(base + "/status").value_or(""));
+        for (std::string field; std::getline(status, field);) {
+            for (const char *key : {"Name:", "State:", "SigPnd:", "ShdPnd:", "SigBlk:"}) {
+                if (field.rfind(key, 0) == 0)
+                    line += " " + field;
+            }
+        }
+        line += " wchan: " + read_file(base + "/wchan").value_or("?");
+        std::string syscall = read_file(base + "/syscall").value_or("?");
+        line += " syscall: " + syscall.substr(0, syscall.find(' '));
+        std::replace(line.begin(), line.end(), '\t', ' ');
+        out += line + "\n";
+    }
+    closedir(dir);
+    return out;
+}
+
 std::string scenario::diagnostics() const
 {
     std::ostringstream out;
@@ -1239,6 +1303,8 @@ std::string scenario::diagnostics() const
     out << "simulated daemons:\n";
     for (const std::string &name : daemon_names)
         out << "  " << daemon_summary(name) << "\n";
+    if (pid_ > 0 && !status_)
+        out << thread_states(pid_);
     return out.str();
 }
 

@@ -341,6 +341,9 @@ private:
 
     void reap_if_ended();
     void refresh_stderr() const;
+    void resend_sigterm_lost_by_thread_sanitizer();
+
+    static constexpr std::string_view sigterm_report = "Signal received: 15\n";
 
     scenario_options options_;
     int index_ = 1;
@@ -352,6 +355,9 @@ private:
     std::string stdout_buffer_;
     std::optional<exit_status> status_;
     mutable stderr_cache stderr_cache_;
+    // "Signal received: 15" reports before the last SIGTERM, -1 once judged.
+    int sigterm_reports_before_ = -1;
+    std::chrono::steady_clock::time_point sigterm_sent_at_;
 };
 
 // The platform-log record of the nth message with this level and text: id 0,
