@@ -51,6 +51,14 @@ constexpr int64_t min_series = 29500 * ms; // "launching orvel..." to giving up
 constexpr int64_t max_series = 34000 * ms;
 constexpr int64_t max_immediate = 2000 * ms; // steps with no sleep between them
 
+// Room added to the upper bounds for a sanitized supervisor: its process
+// image is several times larger and slower to fork, and on a loaded machine
+// one 3 s pause between its fork attempts has stretched to 6.6 s.
+int64_t sanitizer_slack()
+{
+    return e2e::keldra_sanitizer().empty() ? 0 : 5000 * ms;
+}
+
 int64_t monotonic_raw_ns()
 {
     timespec now = {};
@@ -581,7 +589,7 @@ TEST(OrvelForkFailure, TenFailuresThreeSecondsApartThenANewSeriesAtOnceThenRelau
     int last_failure = at - 1;
     for (int n = 2; at < int(records.size()) && matches(records[size_t(at)], {'E', fork_failure(n)});
          ++n, ++at) {
-        EXPECT_LT(stamps[size_t(at)], forks_allowed + 100 * ms)
+        EXPECT_LT(stamps[size_t(at)], forks_allowed + 100 * ms + sanitizer_slack())
             << "fork failed after the limit was lifted: " << e2e::describe(records[size_t(at)]);
         last_failure = at;
     }
@@ -596,22 +604,23 @@ TEST(OrvelForkFailure, TenFailuresThreeSecondsApartThenANewSeriesAtOnceThenRelau
     for (int i = first_launching; i <= relaunched_at; ++i)
         ASSERT_GE(stamps[size_t(i)], 0) << "no stamp for " << e2e::describe(records[size_t(i)]);
     auto gap = [&](int from, int to) { return stamps[size_t(to)] - stamps[size_t(from)]; };
-    EXPECT_LT(gap(first_launching, first_failure), max_immediate)
+    const int64_t slack = sanitizer_slack();
+    EXPECT_LT(gap(first_launching, first_failure), max_immediate + slack)
         << "the first fork is tried at once: " << seconds(gap(first_launching, first_failure));
     for (int i = first_failure; i < gave_up_at; ++i) {
         SCOPED_TRACE(e2e::describe(records[size_t(i + 1)]));
         EXPECT_GE(gap(i, i + 1), min_pause) << seconds(gap(i, i + 1));
-        EXPECT_LE(gap(i, i + 1), max_pause) << seconds(gap(i, i + 1));
+        EXPECT_LE(gap(i, i + 1), max_pause + slack) << seconds(gap(i, i + 1));
     }
     EXPECT_GE(gap(first_launching, gave_up_at), min_series)
         << seconds(gap(first_launching, gave_up_at));
-    EXPECT_LE(gap(first_launching, gave_up_at), max_series)
+    EXPECT_LE(gap(first_launching, gave_up_at), max_series + 3 * slack)
         << seconds(gap(first_launching, gave_up_at));
-    EXPECT_LT(gap(gave_up_at, second_launching + 1), max_immediate)
+    EXPECT_LT(gap(gave_up_at, second_launching + 1), max_immediate + slack)
         << "the new series starts at once: " << seconds(gap(gave_up_at, second_launching + 1));
     EXPECT_GE(gap(last_failure, at), min_pause)
         << "the successful fork follows the 3 s pause: " << seconds(gap(last_failure, at));
-    EXPECT_LE(gap(last_failure, at), max_pause) << seconds(gap(last_failure, at));
+    EXPECT_LE(gap(last_failure, at), max_pause + slack) << seconds(gap(last_failure, at));
     std::string pauses;
     for (int i = first_failure; i < gave_up_at; ++i)
         pauses += " " + seconds(gap(i, i + 1));

@@ -235,6 +235,11 @@ TEST(SigtermDuringStartup, StartCompletesAndTheNextWakeUpStopsTheSupervisor)
     e2e::scenario keldra;
     ASSERT_TRUE(keldra.start());
     ASSERT_GE(keldra.wait_for_message('E', "No script running before, run it ..\n"), 0);
+    // Only once the script runs: while system() spawns it, the main thread
+    // has every signal blocked, and the kernel hands a SIGTERM to the checker's
+    // launcher thread instead, whose wait for its daemon it interrupts.
+    ASSERT_TRUE(e2e::wait_until([] { return e2e::init_script_runs().size() == 1; }, 10s,
+                                "the init script to record its run"));
     ASSERT_EQ(keldra.count_messages('I', launched_text(keldra)), 0);
     ASSERT_TRUE(keldra.send_signal(SIGTERM));
     int request = keldra.wait_for_message('I', "Request to exit launcher\n");
