@@ -206,9 +206,12 @@ TEST(CrashLoop, OrvelKilledAgainAndAgain)
 {
     e2e::scenario keldra;
     ASSERT_TRUE(start_supervisor(keldra));
-    // Each daemon is killed once the launcher has marked it ready.
-    kill_loop(keldra, "orvel",
-              [](pid_t, size_t) { return e2e::wait_for_file("/run/orvel.ready"); });
+    // Each daemon is killed once the launcher has marked it ready and read
+    // every SIGCHLD before (a death merged into a pending one goes unseen).
+    const pid_t k = keldra.pid();
+    kill_loop(keldra, "orvel", [k](pid_t, size_t) {
+        return e2e::wait_for_file("/run/orvel.ready") && e2e::wait_for_no_pending_sigchld(k);
+    });
     if (HasFatalFailure())
         return;
     auto records = keldra.messages();

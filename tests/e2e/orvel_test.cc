@@ -1174,6 +1174,19 @@ TEST(OrvelAdoption, SigchldClaimingToComeFromTheAdoptedOrvelFailsWaitpidThreeTim
     const size_t proc_dir_fds = fds_with_target(k, "/proc/" + std::to_string(p)).size();
     EXPECT_EQ(proc_dir_fds, 1u);
 
+    // The checker's launcher may clean its runtime directory through
+    // system(): that shell's SIGCHLD must have been read, or the one sent
+    // below merges with it and is never seen.
+    ASSERT_TRUE(e2e::wait_until(
+        [&] {
+            for (const log_record &record : second.messages())
+                if (record.text.find("pellan launched successfully (pid: ") != std::string::npos)
+                    return true;
+            return false;
+        },
+        20s, "the checker's launcher to report its checker"));
+    ASSERT_TRUE(e2e::wait_for_no_pending_sigchld(k));
+
     // A SIGCHLD whose sender is the adopted orvel, which is no child of this
     // process: waitpid fails with ECHILD.
     siginfo_t info = {};

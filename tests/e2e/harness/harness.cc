@@ -605,6 +605,37 @@ long status_field(pid_t pid, const char *field)
     return strtol(status->c_str() + at + key.size(), nullptr, 10);
 }
 
+// A signal-set field of a /proc status file, or 0 when it cannot be read.
+static unsigned long long signal_set_field(const std::string &status_path, const char *field)
+{
+    std::istringstream status(read_file(status_path).value_or(""));
+    const std::string key = std::string(field) + ":";
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind(key, 0) == 0)
+            return strtoull(line.c_str() + key.size(), nullptr, 16);
+    }
+    return 0;
+}
+
+bool sigchld_pending(pid_t pid)
+{
+    const unsigned long long sigchld = 1ull << (SIGCHLD - 1);
+    const std::string base = "/proc/" + std::to_string(pid);
+    if (signal_set_field(base + "/status", "ShdPnd") & sigchld)
+        return true;
+    DIR *dir = opendir((base + "/task").c_str());
+    if (!dir)
+        return false;
+    bool pending = false;
+    while (dirent *entry = readdir(dir)) {
+        if (entry->d_name[0] != '.' &&
+            (signal_set_field(base + "/task/" + entry->d_name + "/status", "SigPnd") & sigchld))
+            pending = true;
+    }
+    closedir(dir);
+    return pending;
+}
+
 std::string format_text(const char *format, ...)
 {
     va_list ap;
@@ -1243,6 +1274,12 @@ bool scenario::expect_in_order(const std::vector<expected_message> &expected, wh
                " times in all)\n";
     report_failure(loc, message);
     return false;
+}
+
+bool wait_for_no_pending_sigchld(pid_t pid, milliseconds timeout, where loc)
+{
+    return wait_until([&] { return !sigchld_pending(pid); }, timeout,
+                      "no SIGCHLD pending for process " + std::to_string(pid), loc);
 }
 
 // One line per thread of a process that should have ended: where each one

@@ -208,6 +208,15 @@ bool wait_for_file(const std::string &path, milliseconds timeout = default_timeo
                    where loc = where::current());
 bool wait_for_absent(const std::string &path, milliseconds timeout = default_timeout,
                      where loc = where::current());
+// True while a SIGCHLD waits for the process, in its shared queue or in one
+// of its threads' own.
+bool sigchld_pending(pid_t pid);
+// Waits until no SIGCHLD waits for the supervisor. Its application-policy
+// launcher reads them all through one signal descriptor, and a SIGCHLD that
+// comes while another is pending merges with it: a child's end that a test
+// needs seen must come after the pending one has been read.
+bool wait_for_no_pending_sigchld(pid_t pid, milliseconds timeout = default_timeout,
+                                 where loc = where::current());
 // Checks, by polling for the whole duration, that the condition stays true.
 bool stays_true(const std::function<bool()> &condition, milliseconds duration,
                 std::string_view what, where loc = where::current());
