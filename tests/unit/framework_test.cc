@@ -122,12 +122,33 @@ void finish_all(keldra_context *contexts[KELDRA_LAUNCHER_COUNT], const launcher 
     keldra_shutdown(contexts);
 }
 
+std::atomic<bool> main_loop_returned{false};
+
+// The main loop on a thread of its own; main_loop_returned says when it has
+// left.
+std::thread start_main_loop(keldra_context **contexts)
+{
+    main_loop_returned = false;
+    return std::thread([contexts] {
+        keldra_main_loop(contexts);
+        main_loop_returned = true;
+    });
+}
+
+// Raises the stop request and wakes the main loop until it has left. The loop
+// reads the request without the lock, so a wake-up that comes between that
+// read and its next wait finds nobody waiting and is lost.
 void wake_main_loop_for_exit()
 {
     pthread_mutex_lock(&mutex);
     terminate_launcher = true;
-    pthread_cond_signal(&thread_finished);
     pthread_mutex_unlock(&mutex);
+    while (!main_loop_returned) {
+        pthread_mutex_lock(&mutex);
+        pthread_cond_signal(&thread_finished);
+        pthread_mutex_unlock(&mutex);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
 }
 
 bool wait_for(const std::function<bool()> &condition, double seconds)
@@ -178,7 +199,7 @@ TEST_F(framework, a_later_row_whose_factory_fails_is_skipped_for_good)
     EXPECT_GE(seconds_since(t0), 1.0);
 
     // Never restarted by the main loop and never finished.
-    std::thread loop([&] { keldra_main_loop(contexts); });
+    std::thread loop = start_main_loop(contexts);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     wake_main_loop_for_exit();
     loop.join();
@@ -251,7 +272,7 @@ TEST_F(framework, thread_leaving_through_pthread_exit_is_restarted_by_the_main_l
     std::string raw = capture_stderr([&] {
         start_with(contexts, table);
         pthread_t first = contexts[0]->thread;
-        std::thread loop([&] { keldra_main_loop(contexts); });
+        std::thread loop = start_main_loop(contexts);
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         exit_now = true;
         // A thread that raises its flag while the main loop is busy is restarted
@@ -293,7 +314,7 @@ TEST_F(framework, thread_returning_normally_is_not_restarted)
     capture_log([&] { start_with(contexts, table); });
     for (int i = 0; i < KELDRA_LAUNCHER_COUNT; ++i)
         ASSERT_TRUE(wait_for([i] { return thread_runs[i] == 1; }, 5.0)) << "row " << i;
-    std::thread loop([&] { keldra_main_loop(contexts); });
+    std::thread loop = start_main_loop(contexts);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     // A wake-up that is not a stop: nothing to restart.
     pthread_mutex_lock(&mutex);
