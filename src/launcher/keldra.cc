@@ -528,6 +528,10 @@ static bool command_matches(long pid, const char *name)
     FILE *file = fopen(buffer, "re");
     if (!file)
         return false;
+    // A buffer of our own spares stdio its fstat and its heap buffer for each
+    // of the thousands of files a scan may open.
+    char stream_buffer[512];
+    setvbuf(file, stream_buffer, _IOFBF, sizeof stream_buffer);
     bool match = false;
     if (fgets(buffer, sizeof buffer, file)) {
         char *rest = nullptr;
