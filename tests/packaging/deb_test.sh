@@ -65,6 +65,9 @@ grep -qx 'ExecStart=/usr/sbin/keldra' "$root"/usr/lib/systemd/system/keldra.serv
 dynamic=$(readelf -d "$root/usr/sbin/keldra")
 grep -Eq '\((RPATH|RUNPATH)\)' <<<"$dynamic" && fail "the packaged keldra keeps a run path: $(grep -E 'RPATH|RUNPATH' <<<"$dynamic")"
 readelf -S "$root/usr/sbin/keldra" | grep -q '\.debug_info' && fail "the packaged keldra is not stripped"
+# Full RELRO: bound at start-up, relocations read-only afterwards.
+grep -Eq '\(FLAGS\) +BIND_NOW' <<<"$dynamic" || fail "the packaged keldra is not linked with -z now"
+readelf -lW "$root/usr/sbin/keldra" | grep -q 'GNU_RELRO' || fail "the packaged keldra has no RELRO segment"
 
 control=$work/keldra-control
 dpkg-deb -e "$main_deb" "$control" || abort "cannot extract the control files of $main_deb"
