@@ -391,6 +391,8 @@ TEST(Recovery, OrvelMarkerAfterSocketAndPidFileRestoresOnceThenWatchesAreRemoved
     // The next death re-arms the watches (new descriptors, the old ones were
     // removed) and the next marker restores again.
     const pid_t orvel = e2e::starts("orvel").at(0).pid;
+    // The script's own SIGCHLD must have been read, or the death merges with it.
+    ASSERT_TRUE(e2e::wait_for_no_pending_sigchld(k));
     ASSERT_EQ(kill(orvel, SIGKILL), 0);
     ASSERT_EQ(e2e::wait_for_starts("orvel", 2).size(), 2u);
     ASSERT_GE(keldra.wait_for_message('I', "inotify event is received for /run/orvel.socket\n",
@@ -604,6 +606,7 @@ TEST(Recovery, RestoreScriptThatCannotBeExecutedStillFinishesWithSuccess)
     // Without the script at all: the next death re-arms the watches, the
     // relaunch's ready file is a record, and the restore is tried again.
     ASSERT_TRUE(e2e::remove_file(restore_script));
+    ASSERT_TRUE(e2e::wait_for_no_pending_sigchld(keldra.pid()));
     ASSERT_EQ(kill(e2e::starts("orvel").at(0).pid, SIGKILL), 0);
     ASSERT_GE(keldra.wait_for_message('I', skip_text, e2e::default_timeout, 6), 0);
     records = keldra.messages();
