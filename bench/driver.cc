@@ -600,10 +600,16 @@ environment_info describe_environment()
     for (const char *package : {"runit", "s6", "procps", "gnuplot-nox", "g++"})
         env.packages[package] =
             command_output(format("dpkg-query -W -f='${Version}' %s 2>/dev/null", package));
-    env.commit = command_output("git -C '" KELDRA_BENCH_SOURCE_DIR
-                                "' describe --always --dirty --abbrev=12 2>/dev/null");
+    // The commit measured; "-dirty" when tracked files other than the results
+    // this run rewrites differ from it.
+    const std::string git = "git -C '" KELDRA_BENCH_SOURCE_DIR "' ";
+    env.commit = command_output(git + "rev-parse --short=12 HEAD 2>/dev/null");
     if (env.commit.empty())
         env.commit = "?";
+    else if (!command_output(git + "status --porcelain --untracked-files=no -- . "
+                                   "':(exclude)bench/results' 2>/dev/null")
+                  .empty())
+        env.commit += "-dirty";
     env.build_type = KELDRA_BENCH_BUILD_TYPE;
     if (env.build_type.empty())
         env.build_type = "(none)";

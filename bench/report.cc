@@ -430,7 +430,8 @@ std::string markdown_environment(const bench_results &results)
     for (const std::string &sample : env.load_samples)
         text += " [" + sample + "]";
     text += "\n";
-    if (env.max_load > 0.5)
+    // Loaded: other work kept half the cores busy on average at some point.
+    if (env.max_load >= 0.5 * env.cores)
         text += format("- **The figures were taken on a loaded %d-core machine**: other work was "
                        "running during the run (highest 1-minute load average %.2f), so the "
                        "latencies carry its noise; the ratios, taken round by round, are the "
