@@ -6,6 +6,9 @@
  *
  *   keldra-bench-floor PATH...
  *
+ * With KELDRA_BENCH_FLOOR_SETSID=1 in the environment each child calls
+ * setsid() before its exec, as keldra's children do (bench/experiments.sh).
+ *
  * The benchmark runs it only inside keldra-sandbox, where the simulated
  * daemons are installed at their fixed paths. */
 #define _GNU_SOURCE
@@ -18,10 +21,14 @@
 
 #define MAX_PROGRAMS 16
 
+static int new_session;
+
 static pid_t spawn(const char *path)
 {
     pid_t pid = fork();
     if (pid == 0) {
+        if (new_session)
+            setsid();
         execl(path, path, (char *)NULL);
         _exit(127);
     }
@@ -53,6 +60,8 @@ int main(int argc, char **argv)
         fprintf(stderr, "keldra-bench-floor: refusing to run outside keldra-sandbox\n");
         return 1;
     }
+    const char *setsid_flag = getenv("KELDRA_BENCH_FLOOR_SETSID");
+    new_session = setsid_flag && strcmp(setsid_flag, "1") == 0;
     pid_t pids[MAX_PROGRAMS];
     for (int i = 0; i < count; i++)
         pids[i] = spawn(argv[i + 1]);
