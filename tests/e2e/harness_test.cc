@@ -6,6 +6,9 @@
 #include <gtest/gtest-spi.h>
 
 #include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -260,6 +263,72 @@ TEST(Waits, WaitUntilReportsTheTimeout)
                             "timed out after 20 ms waiting for the impossible");
     EXPECT_NONFATAL_FAILURE(e2e::wait_for_file("/tmp/no-such-file", 20ms),
                             "waiting for file /tmp/no-such-file to exist");
+}
+
+// A process that blocks SIGCHLD (so that it stays pending), optionally forks
+// a child that ends at once, tells the test through a pipe and then waits.
+pid_t start_sigchld_blocker(bool with_ending_child)
+{
+    int ready[2];
+    if (pipe(ready) != 0)
+        return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        signal(SIGCHLD, SIG_DFL);
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGCHLD);
+        sigprocmask(SIG_BLOCK, &set, nullptr);
+        if (with_ending_child && fork() == 0)
+            _exit(0);
+        char byte = 1;
+        (void)!write(ready[1], &byte, 1);
+        for (;;)
+            pause();
+    }
+    close(ready[1]);
+    char byte = 0;
+    bool told = read(ready[0], &byte, 1) == 1;
+    close(ready[0]);
+    return told ? pid : -1;
+}
+
+void stop_blocker(pid_t pid)
+{
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
+TEST(PendingSigchld, SeenInTheProcessQueue)
+{
+    pid_t pid = start_sigchld_blocker(true);
+    ASSERT_GT(pid, 0);
+    EXPECT_TRUE(e2e::wait_until([&] { return e2e::sigchld_pending(pid); }, 5s,
+                                "the child's SIGCHLD to be pending"));
+    EXPECT_NONFATAL_FAILURE(e2e::wait_for_no_pending_sigchld(pid, 20ms),
+                            "waiting for no SIGCHLD pending for process");
+    stop_blocker(pid);
+}
+
+TEST(PendingSigchld, SeenInAThreadQueue)
+{
+    pid_t pid = start_sigchld_blocker(false);
+    ASSERT_GT(pid, 0);
+    EXPECT_FALSE(e2e::sigchld_pending(pid));
+    // Sent to the thread itself, so it waits in that thread's own queue.
+    ASSERT_EQ(syscall(SYS_tgkill, pid, pid, SIGCHLD), 0);
+    EXPECT_TRUE(e2e::sigchld_pending(pid));
+    stop_blocker(pid);
+}
+
+TEST(PendingSigchld, NoneWithoutASignalOrAProcess)
+{
+    pid_t pid = start_sigchld_blocker(false);
+    ASSERT_GT(pid, 0);
+    EXPECT_FALSE(e2e::sigchld_pending(pid));
+    EXPECT_TRUE(e2e::wait_for_no_pending_sigchld(pid, 100ms));
+    stop_blocker(pid);
+    EXPECT_FALSE(e2e::sigchld_pending(pid));
 }
 
 TEST(LabelRecords, ParsesLabelAndForkRecords)

@@ -617,23 +617,32 @@ static unsigned long long signal_set_field(const std::string &status_path, const
     return 0;
 }
 
+// The /proc directories of the process's threads, empty once it has gone.
+static std::vector<std::string> thread_dirs(pid_t pid)
+{
+    const std::string task_dir = "/proc/" + std::to_string(pid) + "/task";
+    std::vector<std::string> dirs;
+    DIR *dir = opendir(task_dir.c_str());
+    if (!dir)
+        return dirs;
+    while (dirent *entry = readdir(dir)) {
+        if (entry->d_name[0] != '.')
+            dirs.push_back(task_dir + "/" + entry->d_name);
+    }
+    closedir(dir);
+    return dirs;
+}
+
 bool sigchld_pending(pid_t pid)
 {
     const unsigned long long sigchld = 1ull << (SIGCHLD - 1);
-    const std::string base = "/proc/" + std::to_string(pid);
-    if (signal_set_field(base + "/status", "ShdPnd") & sigchld)
+    if (signal_set_field("/proc/" + std::to_string(pid) + "/status", "ShdPnd") & sigchld)
         return true;
-    DIR *dir = opendir((base + "/task").c_str());
-    if (!dir)
-        return false;
-    bool pending = false;
-    while (dirent *entry = readdir(dir)) {
-        if (entry->d_name[0] != '.' &&
-            (signal_set_field(base + "/task/" + entry->d_name + "/status", "SigPnd") & sigchld))
-            pending = true;
+    for (const std::string &thread : thread_dirs(pid)) {
+        if (signal_set_field(thread + "/status", "SigPnd") & sigchld)
+            return true;
     }
-    closedir(dir);
-    return pending;
+    return false;
 }
 
 std::string format_text(const char *format, ...)
@@ -1287,16 +1296,12 @@ bool wait_for_no_pending_sigchld(pid_t pid, milliseconds timeout, where loc)
 // hang shows which thread holds a signal and which never took it.
 static std::string thread_states(pid_t pid)
 {
-    std::string task_dir = "/proc/" + std::to_string(pid) + "/task";
-    DIR *dir = opendir(task_dir.c_str());
-    if (!dir)
+    std::vector<std::string> threads = thread_dirs(pid);
+    if (threads.empty())
         return "";
     std::string out = "threads:\n";
-    while (dirent *entry = readdir(dir)) {
-        if (entry->d_name[0] == '.')
-            continue;
-        std::string base = task_dir + "/" + entry->d_name;
-        std::string line = std::string("  ") + entry->d_name;
+    for (const std::string &base : threads) {
+        std::string line = "  " + base.substr(base.rfind('/') + 1);
         std::istringstream status(read_file(base + "/status").value_or(""));
         for (std::string field; std::getline(status, field);) {
             for (const char *key : {"Name:", "State:", "SigPnd:", "ShdPnd:", "SigBlk:"}) {
@@ -1310,7 +1315,6 @@ static std::string thread_states(pid_t pid)
         std::replace(line.begin(), line.end(), '\t', ' ');
         out += line + "\n";
     }
-    closedir(dir);
     return out;
 }
 
