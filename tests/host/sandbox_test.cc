@@ -272,6 +272,31 @@ TEST(Sandbox, PropagatesExitStatus) {
   EXPECT_NE(err.find("keldra-sandbox: cannot run /nonexistent/program"), std::string::npos) << err;
 }
 
+TEST(Sandbox, RefusesToRunFromUnderTmp) {
+  // A copy of the sandbox in the host's /tmp: it must stop before it sets up
+  // anything, since its own /tmp would hide the build directory.
+  char copy_dir[] = "/tmp/keldra-sandbox-copy.XXXXXX";
+  ASSERT_NE(mkdtemp(copy_dir), nullptr);
+  std::string copy = std::string(copy_dir) + "/keldra-sandbox";
+  std::filesystem::copy_file(sandbox, copy);
+  ASSERT_EQ(chmod(copy.c_str(), 0755), 0);
+  std::string err_path = scratch_dir() + "/stderr";
+  pid_t pid = fork();
+  if (pid == 0) {
+    if (!freopen(err_path.c_str(), "w", stderr)) _exit(99);
+    execl(copy.c_str(), copy.c_str(), "--bare", "--", "/bin/true", (char *)nullptr);
+    _exit(98);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  std::filesystem::remove_all(copy_dir);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 125);
+  EXPECT_EQ(read_file(err_path), "keldra-sandbox: " + std::string(copy_dir) +
+                                     " lies under /tmp, which the sandbox replaces: build "
+                                     "outside /tmp and /run\n");
+}
+
 TEST(Sandbox, TimeoutKillsEverythingWithStatus124) {
   std::string dir = scratch_dir();
   std::string err;

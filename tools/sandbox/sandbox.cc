@@ -399,11 +399,23 @@ int relay_until_exit(pid_t init, long timeout) {
   }
 }
 
+// The sandbox's /tmp and /run are fresh, so a build directory under either
+// would vanish from view inside it: refuse before anything is set up.
+void refuse_hidden_tool_dir(const std::string &dir) {
+  for (const char *replaced : {"/tmp", "/run"}) {
+    std::string prefix = std::string(replaced) + "/";
+    if (dir == replaced || dir.compare(0, prefix.size(), prefix) == 0)
+      fail("%s lies under %s, which the sandbox replaces: build outside /tmp and /run",
+           dir.c_str(), replaced);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
   options opts = parse_options(argc, argv);
   std::string dir = tool_dir();
+  refuse_hidden_tool_dir(dir);
   bool smack = kernel_has_smack();
   signal(SIGCHLD, SIG_DFL);  // an inherited SIG_IGN would hide PID 1's exit
   sigset_t blocked = relayed_signals();
